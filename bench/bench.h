@@ -1,0 +1,73 @@
+// Side-by-side benchmarks: every operation of the library runs next to its peer
+// implementations on the same buffers in one run, and the table reports each one's
+// throughput and its ratio to the best peer. Each family adds a suite in
+// bench/bench_<family>.cpp with a static RegisterSuite.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace ozrdc_bench {
+
+struct Sample {
+    std::string name;
+    std::vector<uint8_t> data;
+};
+
+struct Corpus {
+    std::string origin;  // "built-in" or the directory
+    std::vector<Sample> files;
+    uint64_t totalBytes() const;
+};
+
+// A deterministic sample corpus: text-like, binary-like, repetitive and random data.
+Corpus builtinCorpus();
+// Every regular file of a directory (sorted by name).
+Corpus loadCorpus(const std::string& dir);
+
+struct Row {
+    std::string op;          // e.g. "crc32", "lz4 compress"
+    std::string impl;        // "ozrdc", "zlib", ...
+    bool ours = false;
+    double mbps = 0;         // input MB/s (1 MB = 1e6 bytes)
+    uint64_t inBytes = 0;
+    uint64_t outBytes = 0;   // compressed size where it applies, else 0
+    std::string note;        // e.g. "level 9"
+};
+
+struct Options {
+    double minSeconds = 0.25;  // per measurement
+    int repeats = 3;           // best of
+};
+
+class Table {
+public:
+    void add(Row r) { rows_.push_back(std::move(r)); }
+    const std::vector<Row>& rows() const { return rows_; }
+    void print(bool json) const;
+
+private:
+    std::vector<Row> rows_;
+};
+
+// Runs fn (which processes `bytes` input bytes per call) repeatedly and returns the
+// best throughput in MB/s.
+double measure(const Options& o, uint64_t bytes, const std::function<void()>& fn);
+
+struct Suite {
+    std::string family;
+    std::function<void(const Corpus&, const Options&, Table&)> run;
+};
+
+std::vector<Suite>& suites();
+
+struct RegisterSuite {
+    explicit RegisterSuite(Suite s) { suites().push_back(std::move(s)); }
+};
+
+// Runs every suite (or those whose family is listed) and prints the table.
+int runBench(const Corpus& c, const Options& o, const std::vector<std::string>& only, bool json);
+
+}  // namespace ozrdc_bench
