@@ -58,3 +58,24 @@ constexpr Ozr32u kPolyCRC32C = 0x82F63B78u;  // reflected 0x1EDC6F41 (Castagnoli
 constexpr Ozr32u kPolyBZ2 = 0x04C11DB7u;     // MSB-first
 
 }  // namespace m7::crc
+
+namespace m7::crc {
+
+// The linear map "advance the register over `bytes` zero bytes" (the CRC step is
+// linear over GF(2) when the data are zero), as its 32 columns: col[i] is the image
+// of the register 1 << i. Built from the one-byte table T0.
+struct ShiftOp {
+    alignas(16) Ozr32u col[32];
+};
+
+constexpr ShiftOp makeShift(const Ozr32u* T0, int bytes) {
+    ShiftOp m{};
+    for (int i = 0; i < 32; ++i) {
+        Ozr32u r = Ozr32u(1) << i;
+        for (int k = 0; k < bytes; ++k) r = (r >> 8) ^ T0[r & 0xFF];
+        m.col[i] = r;
+    }
+    return m;
+}
+
+}  // namespace m7::crc
