@@ -58,6 +58,13 @@ constexpr RandRows randVec = makeRandVec();
 inline size_t hashDefault(const Ozr8u* p) {
     return (randVec.v[p[0]] ^ randVec.v[256 + p[1]] ^ randVec.v[512 + p[2]] ^ randVec.v[768 + p[3]]) & 0x3FFF;
 }
+// Fast coder: multiplicative hash of the 32-bit word, top 14 bits. Reads 4 bytes at p,
+// which may lie in a segment's unsearched tail but always inside the input.
+inline size_t hashFast(const Ozr8u* p) {
+    Ozr32u w;
+    __builtin_memcpy(&w, p, 4);
+    return Ozr32u(w * kFastMultiplier) >> 18;
+}
 inline size_t secondarySlot(size_t h) { return (h & 0x7FF) ^ 0x201F; }
 
 inline Ozr32u load4(const Ozr8u* p) { Ozr32u v; __builtin_memcpy(&v, p, 4); return v; }
@@ -99,7 +106,7 @@ public:
     size_t written() const { return size_t(op_ - start_); }
 
     // A literal run of len >= 1 bytes from p; inEnd bounds the source for wide copies.
-    bool literals(const Ozr8u* p, size_t len, const Ozr8u* inEnd) {
+    __attribute__((always_inline)) bool literals(const Ozr8u* p, size_t len, const Ozr8u* inEnd) {
         if (op_ == start_) {
             if (len <= 238 && len != 68) {
                 if (!room(1 + len)) return false;
@@ -121,7 +128,7 @@ public:
     }
 
     // A match of len >= 3 bytes at distance 1..49151 (len >= 4 beyond 2048).
-    bool match(size_t len, size_t dist) {
+    __attribute__((always_inline)) bool match(size_t len, size_t dist) {
         if (len <= 8 && dist <= kM2MaxDistance) {
             if (!room(2)) return false;
             size_t d = dist - 1;
@@ -274,25 +281,30 @@ bool encodeFast(const Ozr8u* const in, size_t n, Writer<Bounded>& out, Ozr16u* t
         const Ozr8u* const segEnd = n - seg > kSegment ? base + kSegment : inEnd;
         const Ozr8u* const limit = segEnd - kFastTail;
         m7_ownsZero_8u(reinterpret_cast<Ozr8u*>(table), kDictEntries * sizeof(Ozr16u));
-        const Ozr8u* ip = base;
-        size_t missed = 0;
+        // The segment's first position finds only itself (every entry is 0): a miss
+        // whose table store changes nothing. From here on every entry names an earlier
+        // position, so a candidate never needs a distance test.
+        const Ozr8u* ip = base + 1;
+        size_t missed = 1;
+        size_t h = hashFast(ip);
         while (ip < limit) {
-            const Ozr32u w = load4(ip);
-            const size_t h = Ozr32u(w * kFastMultiplier) >> 18;
             const Ozr8u* const cand = base + table[h];
             table[h] = Ozr16u(ip - base);
-            if (cand < ip && load4(cand) == w) {
+            const Ozr32u w = load4(ip);
+            if (load4(cand) == w) {
                 size_t len = 4 + matchLength(cand + 4, ip + 4, segEnd);
                 if (ip > ii && !out.literals(ii, size_t(ip - ii), inEnd)) return false;
                 if (!out.match(len, size_t(ip - cand))) return false;
                 ip += len;
                 ii = ip;
                 missed = 0;
-                continue;
+            } else {
+                size_t step = (missed >> 5) + 1;
+                missed += step;
+                ip += step;
             }
-            size_t step = (missed >> 5) + 1;
-            missed += step;
-            ip += step;
+            if (ip >= limit) break;
+            h = hashFast(ip);  // computed before the next table read: overlaps the compare
         }
         if (segEnd == inEnd) break;
     }
