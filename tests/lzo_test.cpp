@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include "../src/lzo/lzo_internal.h"
 
 namespace {
@@ -628,6 +630,113 @@ TEST(LzoEncode, StateIsResetByEveryCall) {
     ASSERT_EQ(ozrOk, m7_ozrsEncodeLZO_8u(b.data(), Ozr32u(b.size()), out.data(), &len, state));
     out.resize(len);
     EXPECT_EQ(out, first);
+}
+
+}  // namespace
+
+// ---- The ozrdc tool's lzop format, against the lzop tool ---------------------------
+
+namespace {
+
+bool haveLzop() { return std::system("command -v lzop >/dev/null 2>&1") == 0; }
+
+class LzopTool : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!haveLzop()) GTEST_SKIP() << "lzop not installed";
+        dir_ = std::filesystem::temp_directory_path() / ("ozrdc_lzo_" + std::to_string(::getpid()));
+        std::filesystem::create_directories(dir_);
+    }
+    void TearDown() override {
+        if (!dir_.empty()) std::filesystem::remove_all(dir_);
+    }
+    std::string path(const std::string& name) const { return (dir_ / name).string(); }
+    void write(const std::string& name, const Bytes& b) const {
+        std::ofstream(path(name), std::ios::binary).write(reinterpret_cast<const char*>(b.data()), long(b.size()));
+    }
+    Bytes read(const std::string& name) const {
+        std::ifstream in(path(name), std::ios::binary);
+        return Bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    }
+    int run(const std::string& cmd) const { return std::system((cmd + " 2>" + path("stderr")).c_str()); }
+    std::string tool() const { return std::string(OZRDC_TOOL_PATH); }
+
+    std::filesystem::path dir_;
+};
+
+// Three blocks and a bit of text, an incompressible (stored) block, and nothing.
+std::vector<std::pair<std::string, Bytes>> toolInputs() {
+    Bytes mixed = textBytes(700000, 81);
+    Bytes r = randomBytes(262144, 82);
+    mixed.insert(mixed.begin() + 262144, r.begin(), r.end());
+    return {{"mixed", mixed}, {"small", textBytes(1000, 83)}, {"empty", {}}};
+}
+
+TEST_F(LzopTool, LzopReadsOurFiles) {
+    for (const auto& [name, data] : toolInputs()) {
+        for (const char* level : {"", " -l 1"}) {
+            write(name, data);
+            ASSERT_EQ(0, run(tool() + " compress -F lzo -f" + level + " " + path(name) + " -o " + path(name + ".lzo")));
+            EXPECT_EQ(0, run("lzop -t -q " + path(name + ".lzo"))) << name << level;
+            ASSERT_EQ(0, run("lzop -dc " + path(name + ".lzo") + " > " + path(name + ".back")));
+            EXPECT_EQ(read(name + ".back"), data) << name << level;
+        }
+    }
+}
+
+TEST_F(LzopTool, WeReadLzopFiles) {
+    for (const auto& [name, data] : toolInputs()) {
+        for (const char* level : {"-1", "-3", "-9"}) {
+            write(name, data);
+            ASSERT_EQ(0, run(std::string("lzop -f ") + level + " -c " + path(name) + " > " + path(name + ".lzo")));
+            ASSERT_EQ(0, run(tool() + " decompress -f " + path(name + ".lzo") + " -o " + path(name + ".back")))
+                << name << " " << level;
+            EXPECT_EQ(read(name + ".back"), data) << name << " " << level;
+        }
+    }
+}
+
+// lzop's best coder starts this block with a 68-byte literal run, first byte 0x55,
+// followed by a valid one-part container header: the tool must still read it as a
+// plain stream.
+TEST_F(LzopTool, BlockThatLooksLikeAContainerIsReadAsAStream) {
+    Bytes head = randomBytes(68, 91);
+    head[0] = 1;
+    head[1] = 0x54;
+    Bytes data = head;
+    for (int i = 0; i < 20; ++i) data.insert(data.end(), head.begin(), head.end());
+    Bytes c = lzoCompress(data, true);
+    ASSERT_EQ(c[0], 0x55) << "the input no longer starts the stream with a 68-byte run";
+    write("c", data);
+    ASSERT_EQ(0, run("lzop -f -9 -c " + path("c") + " > " + path("c.lzo")));
+    ASSERT_EQ(0, run(tool() + " decompress -f " + path("c.lzo") + " -o " + path("c.back")));
+    EXPECT_EQ(read("c.back"), data);
+}
+
+TEST_F(LzopTool, CorruptFilesFailWithAMessage) {
+    Bytes data = textBytes(300000, 95);
+    write("d", data);
+    ASSERT_EQ(0, run(tool() + " compress -F lzo -f " + path("d") + " -o " + path("d.lzo")));
+    Bytes good = read("d.lzo");
+    struct Damage {
+        const char* what;
+        size_t at;
+        bool truncate;
+    };
+    const Damage damages[] = {{"header checksum", 20, false}, {"block data", 5000, false},
+                              {"block data near the end", good.size() - 100, false},
+                              {"truncated block", good.size() / 2, true}, {"missing end", good.size() - 2, true}};
+    for (const auto& d : damages) {
+        Bytes bad = good;
+        if (d.truncate)
+            bad.resize(d.at);
+        else
+            bad[d.at] ^= 0x5A;
+        write("bad.lzo", bad);
+        EXPECT_NE(0, run(tool() + " decompress -f " + path("bad.lzo") + " -o " + path("bad"))) << d.what;
+        Bytes msg = read("stderr");
+        EXPECT_NE(std::string(msg.begin(), msg.end()).find("ozrdc: "), std::string::npos) << d.what;
+    }
 }
 
 }  // namespace
