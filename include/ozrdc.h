@@ -126,7 +126,85 @@ OzrResult ozrsAdler32_8u(const Ozr8u* pSrc, Ozr32s len, Ozr32u* pAdler);
 /* (LZ4 declarations go here) */
 
 /* ==== LZO1X =================================================================== */
-/* (LZO declarations go here) */
+/*
+ * LZO1X block coding in one call per buffer, plus a small multi-part container.
+ *
+ * Compressing: ozrsEncodeLZOGetSize(method, ...) gives the size of the state record
+ * (always 131104 bytes); allocate it, prepare it with ozrsEncodeLZOInit_8u(method,
+ * ...), then call ozrsEncodeLZO_8u once per buffer. Each call writes one complete
+ * LZO1X stream ending with the end marker 17, 0, 0, readable by any LZO1X decoder.
+ * The state may be reused for any number of calls (it is reset by every call, so
+ * equal inputs give equal outputs). An output room of
+ *     srcLen + srcLen / 16 + 64 + 3
+ * bytes is always enough; with less the call may stop with ozrWarnDstSizeLess.
+ *
+ * The multi-part container: after Init, a caller sets `method` to
+ * OZR_LZO_METHOD_CONTAINER and `numParts` to n (1..32); the next calls of
+ * ozrsEncodeLZO_8u split their input into n equal slices (the last takes the
+ * remainder), code each by itself with the default coder and write
+ *     0x55, n, n XOR 0x55, total size (LE32), sizes of parts 0..n-2 (LE32 each),
+ *     the n streams back to back, each with its own end marker.
+ * The parts are independent, so a decoder could run them in parallel.
+ *
+ * Decompressing: ozrsDecodeLZOSafe_8u checks every read and write and is the one to
+ * use on data from outside; ozrsDecodeLZO_8u trusts its input and output room. Both
+ * take a plain LZO1X stream (several streams back to back decode as their
+ * concatenation; a stream may also end at an instruction boundary without the end
+ * marker) or the container above. Neither needs a state.
+ */
+
+/* Methods of ozrsEncodeLZOGetSize / ozrsEncodeLZOInit_8u. */
+#define OZR_LZO_METHOD_DEFAULT   0u /* single-probe hash coder, all distances up to 49151 */
+#define OZR_LZO_METHOD_DEFAULT_1 1u /* the same coder as method 0 */
+#define OZR_LZO_METHOD_FAST      2u /* faster, 49152-byte segments, skips incompressible data */
+/* Method word a caller may store in OzrLZOState.method after Init (never stored by Init). */
+#define OZR_LZO_METHOD_CONTAINER 1u
+
+/* Encoder state: caller-owned, 131104 bytes, no pointers into itself (may be moved). */
+typedef struct OzrLZOState {
+    Ozr32u method;     /* coder of the next ozrsEncodeLZO_8u call: 0 default, 2 fast,
+                          1 the multi-part container (set by the caller, see above) */
+    Ozr32u numParts;   /* container part count n, 1..32 (its low byte); 0 after Init */
+    Ozr8u  reserved[24];
+    Ozr64u dict[16384];/* match-finder dictionary; contents are internal */
+} OzrLZOState;
+
+/* Size in bytes of the encoder state: *pSize = 131104 for method 0, 1 or 2 whatever
+ * maxInputLen is. Errors: pSize null -> ozrErrNullPointer; another method ->
+ * *pSize = 0 and ozrErrBadArgument. */
+OzrResult ozrsEncodeLZOGetSize(Ozr32u method, Ozr32u maxInputLen, Ozr32u* pSize);
+
+/* Prepares a state for `method` (0, 1 or 2; 1 selects the same coder as 0 and stores
+ * method word 0) and sets numParts to 0. maxInputLen is not used. Errors: pState
+ * null -> ozrErrNullPointer; another method -> ozrErrBadArgument (nothing written). */
+OzrResult ozrsEncodeLZOInit_8u(Ozr32u method, Ozr32u maxInputLen, OzrLZOState* pState);
+
+/* Compresses srcLen bytes at pSrc into one LZO1X stream (or the container) at pDst.
+ * *pDstLen: in, the output room; out, the bytes written. srcLen 0 writes nothing
+ * (*pDstLen = 0) and returns ozrOk. When the room runs out the call stops before the
+ * instruction that does not fit and returns ozrWarnDstSizeLess with *pDstLen = the
+ * bytes written (never more than the room; the output is then not a complete
+ * stream). Errors: pSrc, pDst, pDstLen or pState null -> ozrErrNullPointer; a method
+ * word other than 0, 1 or 2, or a container part count outside 1..32 ->
+ * ozrErrBadArgument. The state is the caller's; the call uses it as work space. */
+OzrResult ozrsEncodeLZO_8u(const Ozr8u* pSrc, Ozr32u srcLen, Ozr8u* pDst, Ozr32u* pDstLen,
+                           OzrLZOState* pState);
+
+/* Decompresses srcLen bytes of LZO1X data (or the container) at pSrc into pDst,
+ * checking nothing but the pointers: the input must be a valid stream and the output
+ * large enough for all of it. *pDstLen: out only, the bytes written. srcLen 0 gives
+ * *pDstLen = 0 and ozrOk. Errors: pSrc, pDst or pDstLen null -> ozrErrNullPointer. */
+OzrResult ozrsDecodeLZO_8u(const Ozr8u* pSrc, Ozr32u srcLen, Ozr8u* pDst, Ozr32u* pDstLen);
+
+/* As ozrsDecodeLZO_8u, but never reads past pSrc + srcLen nor writes past the room.
+ * *pDstLen: in, the output room; out, the bytes written. Corrupt data (a read past the
+ * input, a write past the room, a match before the start of the output) ->
+ * ozrErrLZOBroken with *pDstLen unchanged; bytes before the fault may have been
+ * written. For the container, each part decodes into its own slice of the output
+ * (part i at i * (total / n)); a corrupt part gives ozrErrLZOBroken while the others
+ * still decode, and *pDstLen is the sum of what the good parts wrote. Errors: pSrc,
+ * pDst or pDstLen null -> ozrErrNullPointer. */
+OzrResult ozrsDecodeLZOSafe_8u(const Ozr8u* pSrc, Ozr32u srcLen, Ozr8u* pDst, Ozr32u* pDstLen);
 
 /* ==== ZFP ===================================================================== */
 /* (ZFP declarations go here) */

@@ -1,0 +1,429 @@
+// LZO1X encoding: the default single-probe coder, the fast segmented coder and the
+// multi-part container, over one instruction writer.
+//
+// Instruction choice (the decoder's forms, see lzo_decode.cpp):
+//   literal run   first run of a stream, 1..238 bytes: 17 + length (a run of exactly 68
+//                 takes the long form, so that no stream starts with the container's
+//                 0x55 byte); after a match, 1..3: in the low two bits of the match's
+//                 distance byte; 4..18: length - 3; longer: 0, then length - 18 as
+//                 zero bytes worth 255 each and a closing nonzero byte;
+//   match         lengths 3..8 within 2048 bytes: M2 (2 bytes); within 16384: M3;
+//                 beyond (up to 49151): M4, with bit 14 of distance - 16384 in bit 3;
+//                 M3 lengths above 33 and M4 lengths above 9 extend like long runs.
+// Every write is preceded by a room check unless the output room is at least the worst
+// case of the whole input (then the checks are compiled out).
+#include <emmintrin.h>
+
+#include "lzo_internal.h"
+
+namespace m7 {
+namespace {
+
+constexpr size_t kDictEntries = 16384;
+constexpr size_t kMaxDistance = 0xBFFF;    // 49151: M4's reach
+constexpr size_t kM2MaxDistance = 2048;
+constexpr size_t kM3MaxDistance = 16384;
+constexpr size_t kSearchTail = 13;         // no match search in the last 13 bytes
+constexpr size_t kAllLiteralsUpTo = 17;    // inputs this short are one literal run
+constexpr size_t kSegment = 0xC000;        // fast coder: 49152, so distances stay <= 49151
+constexpr size_t kFastTail = 20;           // fast coder: no search in a segment's last 20 bytes
+constexpr Ozr32u kFastMultiplier = 0x1824429D;
+constexpr size_t kStateHeader = 32;        // method word, part count, reserved
+constexpr Ozr32u kStateSize = Ozr32u(kStateHeader + kDictEntries * sizeof(Ozr64u));  // 131104
+
+static_assert(sizeof(OzrLZOState) == kStateSize, "OzrLZOState layout");
+static_assert(kSegment - 1 == kMaxDistance, "a segment's distances fit M4");
+
+// randVec: the default coder's hash rows, four rows of 256 16-bit values, one row per
+// byte of the hashed word. Only their spread matters (the decoder never sees them), so
+// they are drawn from a fixed-seed SplitMix64 sequence, top 16 bits of each output.
+struct RandRows {
+    Ozr16u v[1024];
+};
+constexpr RandRows makeRandVec() {
+    RandRows r{};
+    Ozr64u s = 0x4C5A4F31u;  // fixed seed
+    for (int i = 0; i < 1024; ++i) {
+        s += 0x9E3779B97F4A7C15ull;
+        Ozr64u z = s;
+        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+        z ^= z >> 31;
+        r.v[i] = Ozr16u(z >> 48);
+    }
+    return r;
+}
+constexpr RandRows randVec = makeRandVec();
+
+inline size_t hashDefault(const Ozr8u* p) {
+    return (randVec.v[p[0]] ^ randVec.v[256 + p[1]] ^ randVec.v[512 + p[2]] ^ randVec.v[768 + p[3]]) & 0x3FFF;
+}
+// Fast coder: multiplicative hash of the 32-bit word, top 14 bits. Reads 4 bytes at p,
+// which may lie in a segment's unsearched tail but always inside the input.
+inline size_t hashFast(const Ozr8u* p) {
+    Ozr32u w;
+    __builtin_memcpy(&w, p, 4);
+    return Ozr32u(w * kFastMultiplier) >> 18;
+}
+inline size_t secondarySlot(size_t h) { return (h & 0x7FF) ^ 0x201F; }
+
+inline Ozr32u load4(const Ozr8u* p) { Ozr32u v; __builtin_memcpy(&v, p, 4); return v; }
+inline Ozr64u load8(const Ozr8u* p) { Ozr64u v; __builtin_memcpy(&v, p, 8); return v; }
+inline void store8(Ozr8u* p, Ozr64u v) { __builtin_memcpy(p, &v, 8); }
+
+// Worst-case output for n input bytes, end marker included: literal-run headers cost
+// at most one byte in 16 beyond what the matches save.
+inline size_t worstCase(size_t n) { return n + n / 16 + 64 + 3; }
+
+// Index of the lowest set bit of x != 0. Written as BSF: the compiler's own count
+// (rep bsf) decodes as TZCNT, an instruction this SSE3 build may not contain.
+inline unsigned lowestBit(Ozr64u x) {
+    Ozr64u r;
+    __asm__("bsfq %1, %0" : "=r"(r) : "rm"(x) : "cc");
+    return unsigned(r);
+}
+
+// Number of bytes that match from a and b onwards, stopping at bEnd (b < bEnd, a < b).
+inline size_t matchLength(const Ozr8u* a, const Ozr8u* b, const Ozr8u* bEnd) {
+    const Ozr8u* const b0 = b;
+    while (b + 8 <= bEnd) {
+        Ozr64u x = load8(a) ^ load8(b);
+        if (x != 0) return size_t(b - b0) + size_t(lowestBit(x) >> 3);
+        a += 8;
+        b += 8;
+    }
+    while (b < bEnd && *a == *b) ++a, ++b;
+    return size_t(b - b0);
+}
+
+// Writes instructions into [start, end). Bounded: every instruction is checked for room
+// before its first byte is written, and a write that does not fit fails with nothing of
+// it written. Unbounded: the caller made sure the room covers the worst case.
+template <bool Bounded>
+class Writer {
+public:
+    Writer(Ozr8u* start, size_t cap) : op_(start), start_(start), end_(start + cap) {}
+    size_t written() const { return size_t(op_ - start_); }
+
+    // A literal run of len >= 1 bytes from p; inEnd bounds the source for wide copies.
+    __attribute__((always_inline)) bool literals(const Ozr8u* p, size_t len, const Ozr8u* inEnd) {
+        if (op_ == start_) {
+            if (len <= 238 && len != 68) {
+                if (!room(1 + len)) return false;
+                *op_++ = Ozr8u(17 + len);
+            } else if (!longRun(len)) {
+                return false;
+            }
+        } else if (len <= 3) {
+            if (!room(len)) return false;
+            op_[-2] = Ozr8u(op_[-2] | len);
+        } else if (len <= 18) {
+            if (!room(1 + len)) return false;
+            *op_++ = Ozr8u(len - 3);
+        } else if (!longRun(len)) {
+            return false;
+        }
+        copy(p, len, inEnd);
+        return true;
+    }
+
+    // A match of len >= 3 bytes at distance 1..49151 (len >= 4 beyond 2048).
+    __attribute__((always_inline)) bool match(size_t len, size_t dist) {
+        if (len <= 8 && dist <= kM2MaxDistance) {
+            if (!room(2)) return false;
+            size_t d = dist - 1;
+            op_[0] = Ozr8u(((len - 1) << 5) | ((d & 7) << 2));
+            op_[1] = Ozr8u(d >> 3);
+            op_ += 2;
+            return true;
+        }
+        size_t d, shortMax;
+        Ozr8u code;
+        if (dist <= kM3MaxDistance) {
+            d = dist - 1;
+            code = 32;
+            shortMax = 33;
+        } else {
+            d = dist - 16384;
+            code = Ozr8u(16 | ((d & 0x4000) >> 11));
+            d &= 0x3FFF;
+            shortMax = 9;
+        }
+        if (len <= shortMax) {
+            if (!room(3)) return false;
+            *op_++ = Ozr8u(code | (len - 2));
+        } else {
+            size_t rest = len - shortMax;
+            if (!room(4 + (rest - 1) / 255)) return false;
+            *op_++ = code;
+            extension(rest);
+        }
+        op_[0] = Ozr8u(d << 2);
+        op_[1] = Ozr8u(d >> 6);
+        op_ += 2;
+        return true;
+    }
+
+    bool endMarker() {
+        if (size_t(end_ - op_) < 3) return false;  // checked in every mode
+        op_[0] = 17;
+        op_[1] = 0;
+        op_[2] = 0;
+        op_ += 3;
+        return true;
+    }
+
+private:
+    bool room(size_t n) const { return !Bounded || size_t(end_ - op_) >= n; }
+
+    // 0, then len - 18 (>= 1) as an extension.
+    bool longRun(size_t len) {
+        size_t rest = len - 18;
+        if (!room(2 + (rest - 1) / 255 + len)) return false;
+        *op_++ = 0;
+        extension(rest);
+        return true;
+    }
+
+    // rest >= 1 as zero bytes of 255 each and a closing byte 1..255; long ones eight
+    // zero bytes at a time.
+    void extension(size_t rest) {
+        while (rest > 8 * 255) {
+            store8(op_, 0);
+            op_ += 8;
+            rest -= 8 * 255;
+        }
+        while (rest > 255) {
+            *op_++ = 0;
+            rest -= 255;
+        }
+        *op_++ = Ozr8u(rest);
+    }
+
+    void copy(const Ozr8u* p, size_t len, const Ozr8u* inEnd) {
+        if (size_t(end_ - op_) >= len + 16 && size_t(inEnd - p) >= len + 16) {
+            Ozr8u* d = op_;
+            Ozr8u* const e = op_ + len;
+            do {
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+                d += 16;
+                p += 16;
+            } while (d < e);
+        } else {
+            m7_ownsCopy_8u(p, op_, len);
+        }
+        op_ += len;
+    }
+
+    Ozr8u* op_;
+    Ozr8u* const start_;
+    Ozr8u* const end_;
+};
+
+// The default coder over one stream (no end marker). The dictionary holds, per hash,
+// the input position (offset from `in`) last seen; it is reset first, so that equal
+// inputs give equal outputs and no stale position from another buffer is offered.
+template <bool Bounded>
+bool encodeDefault(const Ozr8u* const in, size_t n, Writer<Bounded>& out, Ozr64u* dict) {
+    const Ozr8u* const inEnd = in + n;
+    const Ozr8u* ii = in;  // first pending literal
+    if (n > kAllLiteralsUpTo) {
+        m7_ownsZero_8u(reinterpret_cast<Ozr8u*>(dict), kDictEntries * sizeof(Ozr64u));
+        const Ozr8u* const ipEnd = inEnd - kSearchTail;
+        const Ozr8u* ip = in + 1;  // the first byte is always a literal
+        while (ip < ipEnd) {
+            const size_t p = size_t(ip - in);
+            const size_t h = hashDefault(ip);
+            size_t slot = h;
+            size_t c = size_t(dict[slot]);
+            size_t dist = p - c;
+            bool found = c < p && dist <= kMaxDistance;
+            // A far candidate must also agree in its fourth byte; if not, the secondary
+            // slot gets the same tests.
+            if (found && dist > kM2MaxDistance && in[c + 3] != ip[3]) {
+                slot = secondarySlot(h);
+                c = size_t(dict[slot]);
+                dist = p - c;
+                found = c < p && dist <= kMaxDistance && (dist <= kM2MaxDistance || in[c + 3] == ip[3]);
+            }
+            dict[slot] = p;
+            if (found) {
+                const Ozr32u x = load4(in + c) ^ load4(ip);
+                size_t len = 0;
+                if (x == 0)
+                    len = 4 + matchLength(in + c + 4, ip + 4, inEnd);
+                else if ((x & 0xFFFFFF) == 0)
+                    len = 3;  // only at M2 distances: far candidates agree in 4 bytes
+                if (len != 0) {
+                    if (ip > ii && !out.literals(ii, size_t(ip - ii), inEnd)) return false;
+                    if (!out.match(len, dist)) return false;
+                    ip += len;
+                    ii = ip;
+                    continue;
+                }
+            }
+            ++ip;
+        }
+    }
+    return ii == inEnd || out.literals(ii, size_t(inEnd - ii), inEnd);
+}
+
+// The fast coder over one stream (no end marker): 49152-byte segments, each with a
+// fresh table of 16-bit positions relative to the segment start (the first 32 KiB of
+// the dictionary area), a multiplicative hash of the 32-bit word, and a step that grows
+// with every miss since the last match.
+template <bool Bounded>
+bool encodeFast(const Ozr8u* const in, size_t n, Writer<Bounded>& out, Ozr16u* table) {
+    const Ozr8u* const inEnd = in + n;
+    const Ozr8u* ii = in;
+    for (size_t seg = 0; n - seg > kFastTail; seg += kSegment) {
+        const Ozr8u* const base = in + seg;
+        const Ozr8u* const segEnd = n - seg > kSegment ? base + kSegment : inEnd;
+        const Ozr8u* const limit = segEnd - kFastTail;
+        m7_ownsZero_8u(reinterpret_cast<Ozr8u*>(table), kDictEntries * sizeof(Ozr16u));
+        // The segment's first position finds only itself (every entry is 0): a miss
+        // whose table store changes nothing. From here on every entry names an earlier
+        // position, so a candidate never needs a distance test.
+        const Ozr8u* ip = base + 1;
+        size_t missed = 1;
+        size_t h = hashFast(ip);
+        while (ip < limit) {
+            const Ozr8u* const cand = base + table[h];
+            table[h] = Ozr16u(ip - base);
+            const Ozr32u w = load4(ip);
+            if (load4(cand) == w) {
+                size_t len = 4 + matchLength(cand + 4, ip + 4, segEnd);
+                if (ip > ii && !out.literals(ii, size_t(ip - ii), inEnd)) return false;
+                if (!out.match(len, size_t(ip - cand))) return false;
+                ip += len;
+                ii = ip;
+                missed = 0;
+            } else {
+                size_t step = (missed >> 5) + 1;
+                missed += step;
+                ip += step;
+            }
+            if (ip >= limit) break;
+            h = hashFast(ip);  // computed before the next table read: overlaps the compare
+        }
+        if (segEnd == inEnd) break;
+    }
+    return ii == inEnd || out.literals(ii, size_t(inEnd - ii), inEnd);
+}
+
+enum class Coder { Default, Fast };
+
+// One stream, closed with the end marker unless `marker` is false.
+template <Coder C>
+OzrResult encodeStream(const Ozr8u* in, size_t n, Ozr8u* out, size_t cap, size_t* pWritten, Ozr64u* dict,
+                       bool marker) {
+    auto run = [&](auto& w) {
+        bool ok;
+        if constexpr (C == Coder::Default)
+            ok = encodeDefault(in, n, w, dict);
+        else
+            ok = encodeFast(in, n, w, reinterpret_cast<Ozr16u*>(dict));
+        if (ok && marker) ok = w.endMarker();
+        *pWritten = w.written();
+        return ok ? ozrOk : ozrWarnDstSizeLess;
+    };
+    if (cap >= worstCase(n)) {
+        Writer<false> w(out, cap);
+        return run(w);
+    }
+    Writer<true> w(out, cap);
+    return run(w);
+}
+
+inline void putLE32(Ozr8u* p, size_t v) {
+    for (int i = 0; i < 4; ++i) p[i] = Ozr8u(v >> (8 * i));
+}
+
+// The multi-part container: the header is reserved first, the parts are coded straight
+// behind it, and each part's size is filled in once it is known.
+OzrResult encodeContainer(const Ozr8u* in, size_t n, Ozr8u* out, size_t cap, Ozr32u* pDstLen, OzrLZOState* st) {
+    const size_t parts = st->numParts & 0xFF;
+    const size_t head = 3 + 4 * parts;
+    if (cap < head) {
+        *pDstLen = 0;
+        return ozrWarnDstSizeLess;
+    }
+    out[0] = 0x55;
+    out[1] = Ozr8u(parts);
+    out[2] = Ozr8u(parts ^ 0x55);
+    putLE32(out + 3, n);
+    for (size_t i = 0; i + 1 < parts; ++i) putLE32(out + 7 + 4 * i, 0);
+    const size_t slice = n / parts;
+    size_t pos = head;
+    for (size_t i = 0; i < parts; ++i) {
+        const size_t at = i * slice;
+        const size_t len = i + 1 == parts ? n - at : slice;
+        size_t got = 0;
+        OzrResult r = encodeStream<Coder::Default>(in + at, len, out + pos, cap - pos, &got, st->dict, true);
+        pos += got;
+        if (r != ozrOk) {
+            *pDstLen = Ozr32u(pos);
+            return r;
+        }
+        if (i + 1 < parts) putLE32(out + 7 + 4 * i, got);  // compressed size + end marker
+    }
+    *pDstLen = Ozr32u(pos);
+    return ozrOk;
+}
+
+}  // namespace
+}  // namespace m7
+
+extern "C" {
+
+OzrResult m7_ownEncodeLZO1X(const Ozr8u* pSrc, Ozr32u srcLen, Ozr8u* pDst, Ozr32u* pDstLen, Ozr64u* dict) {
+    size_t got = 0;
+    OzrResult r = m7::encodeStream<m7::Coder::Default>(pSrc, srcLen, pDst, *pDstLen, &got, dict, false);
+    *pDstLen = Ozr32u(got);
+    return r;
+}
+
+OzrResult m7_ozrsEncodeLZOGetSize(Ozr32u method, Ozr32u maxInputLen, Ozr32u* pSize) {
+    (void)maxInputLen;
+    OZR_CHECK_NULL(pSize);
+    if (method > OZR_LZO_METHOD_FAST) {
+        *pSize = 0;
+        return ozrErrBadArgument;
+    }
+    *pSize = m7::kStateSize;
+    return ozrOk;
+}
+
+OzrResult m7_ozrsEncodeLZOInit_8u(Ozr32u method, Ozr32u maxInputLen, OzrLZOState* pState) {
+    (void)maxInputLen;
+    OZR_CHECK_NULL(pState);
+    if (method > OZR_LZO_METHOD_FAST) return ozrErrBadArgument;
+    // Method 1 is folded onto the default coder; method word 1 means the container.
+    pState->method = method == OZR_LZO_METHOD_DEFAULT_1 ? OZR_LZO_METHOD_DEFAULT : method;
+    pState->numParts = 0;
+    m7_ownsZero_8u(pState->reserved, sizeof pState->reserved);
+    return ozrOk;
+}
+
+OzrResult m7_ozrsEncodeLZO_8u(const Ozr8u* pSrc, Ozr32u srcLen, Ozr8u* pDst, Ozr32u* pDstLen,
+                              OzrLZOState* pState) {
+    OZR_CHECK_NULL(pSrc, pDst, pDstLen, pState);
+    if (srcLen == 0) {
+        *pDstLen = 0;
+        return ozrOk;
+    }
+    const Ozr32u method = pState->method;
+    if (method > OZR_LZO_METHOD_FAST) return ozrErrBadArgument;
+    const Ozr32u parts = pState->numParts & 0xFF;
+    if (method == OZR_LZO_METHOD_CONTAINER && (parts < 1 || parts > 32)) return ozrErrBadArgument;
+
+    if (method == OZR_LZO_METHOD_CONTAINER) return m7::encodeContainer(pSrc, srcLen, pDst, *pDstLen, pDstLen, pState);
+    size_t got = 0;
+    OzrResult r = method == OZR_LZO_METHOD_FAST
+                      ? m7::encodeStream<m7::Coder::Fast>(pSrc, srcLen, pDst, *pDstLen, &got, pState->dict, true)
+                      : m7::encodeStream<m7::Coder::Default>(pSrc, srcLen, pDst, *pDstLen, &got, pState->dict, true);
+    *pDstLen = Ozr32u(got);
+    return r;
+}
+
+}  // extern "C"
