@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
@@ -594,6 +596,80 @@ TEST(ZfpStatus, ExportedEntryPointsAreWired) {
     EXPECT_EQ(ozrOk, ozrsEncodeZfpGetStateSize_32f(&size));
     EXPECT_EQ(576, size);
     EXPECT_EQ(ozrErrNullPointer, ozrsDecodeZfp444_32f(nullptr, nullptr, 0, 0));
+}
+
+
+// ---- The tool's zfp container against the zfp command-line tool -----------------------
+
+std::string tempDir() {
+    static std::string dir = [] {
+        char t[] = "/tmp/ozrdc_zfp_XXXXXX";
+        return std::string(mkdtemp(t));
+    }();
+    return dir;
+}
+
+int run(const std::string& cmd) { return std::system(("(" + cmd + ") >/dev/null 2>&1").c_str()); }
+
+std::vector<uint8_t> readFile(const std::string& path) {
+    std::vector<uint8_t> d;
+    if (FILE* f = std::fopen(path.c_str(), "rb")) {
+        uint8_t buf[65536];
+        for (size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) d.insert(d.end(), buf, buf + n);
+        std::fclose(f);
+    }
+    return d;
+}
+
+TEST(ZfpTool, FilesEqualTheZfpToolsAndEachToolDecodesTheOther) {
+    if (run("command -v zfp") != 0) GTEST_SKIP() << "the zfp tool is not installed";
+    const std::string dir = tempDir(), tool = OZRDC_TOOL_PATH;
+    struct Dims { size_t x, y, z; } dims[] = {{8, 8, 8}, {5, 6, 7}, {1, 1, 1}, {9, 4, 13}, {17, 3, 2}};
+    const char* modes[][2] = {{"-r 8", "--rate 8"}, {"-r 2.5", "--rate 2.5"}, {"-r 40", "--rate 40"},
+                              {"-p 14", "--precision 14"}, {"-a 1e-3", "--accuracy 1e-3"}};
+    for (const Dims& d : dims) {
+        std::vector<float> v(d.x * d.y * d.z);
+        for (size_t i = 0; i < v.size(); ++i) v[i] = std::sin(0.37f * float(i)) * 50.f + float(i % 7);
+        const std::string raw = dir + "/in.raw";
+        FILE* f = std::fopen(raw.c_str(), "wb");
+        std::fwrite(v.data(), 4, v.size(), f);
+        std::fclose(f);
+        const std::string n = std::to_string(d.x) + " " + std::to_string(d.y) + " " + std::to_string(d.z);
+        const std::string commas = std::to_string(d.x) + "," + std::to_string(d.y) + "," + std::to_string(d.z);
+        for (auto& m : modes) {
+            SCOPED_TRACE(commas + " " + m[1]);
+            ASSERT_EQ(0, run("zfp -q -f -3 " + n + " " + m[0] + " -h -i " + raw + " -z " + dir + "/ref.zfp"));
+            ASSERT_EQ(0, run(tool + " compress -f -F zfp --dims " + commas + " " + m[1] + " " + raw + " -o " + dir +
+                             "/ours.zfp"));
+            std::vector<uint8_t> ref = readFile(dir + "/ref.zfp"), ours = readFile(dir + "/ours.zfp");
+            ASSERT_FALSE(ref.empty());
+            EXPECT_EQ(ref, ours);
+            ASSERT_EQ(0, run(tool + " decompress -f " + dir + "/ref.zfp -o " + dir + "/a.raw"));
+            ASSERT_EQ(0, run("zfp -q -h -z " + dir + "/ours.zfp -o " + dir + "/b.raw"));
+            std::vector<uint8_t> a = readFile(dir + "/a.raw"), b = readFile(dir + "/b.raw");
+            EXPECT_EQ(v.size() * 4, a.size());
+            EXPECT_EQ(a, b);
+        }
+    }
+    // A 2-D array goes out as a 3-D field of depth 1.
+    ASSERT_EQ(0, run("head -c 144 " + dir + "/in.raw > " + dir + "/in2.raw"));
+    ASSERT_EQ(0, run("zfp -q -f -3 9 4 1 -r 8 -h -i " + dir + "/in2.raw -z " + dir + "/ref2.zfp"));
+    ASSERT_EQ(0, run(tool + " compress -f -F zfp --dims 9,4 --rate 8 " + dir + "/in2.raw -o " + dir + "/ours2.zfp"));
+    EXPECT_EQ(readFile(dir + "/ref2.zfp"), readFile(dir + "/ours2.zfp"));
+}
+
+TEST(ZfpTool, RefusesWhatItCannotCode) {
+    const std::string dir = tempDir(), tool = OZRDC_TOOL_PATH;
+    ASSERT_EQ(0, run("head -c 256 /dev/zero > " + dir + "/z.raw"));
+    EXPECT_NE(0, run(tool + " compress -f -F zfp --dims 4,4,4 " + dir + "/z.raw -o " + dir + "/x.zfp"))
+        << "no mode given";
+    EXPECT_NE(0, run(tool + " compress -f -F zfp --dims 4,4,5 --rate 8 " + dir + "/z.raw -o " + dir + "/x.zfp"))
+        << "too few values";
+    EXPECT_NE(0, run(tool + " compress -f -F zfp --rate 8 " + dir + "/z.raw -o " + dir + "/x.zfp")) << "no dims";
+    if (run("command -v zfp") == 0) {
+        ASSERT_EQ(0, run("zfp -q -f -2 8 8 -r 8 -h -i " + dir + "/z.raw -z " + dir + "/two.zfp"));
+        EXPECT_NE(0, run(tool + " decompress -f " + dir + "/two.zfp -o " + dir + "/two.raw")) << "2-D stream";
+    }
 }
 
 }  // namespace
