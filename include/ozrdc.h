@@ -172,7 +172,12 @@ OzrResult ozrsAdler32_8u(const Ozr8u* pSrc, Ozr32s len, Ozr32u* pAdler);
  */
 
 /* The state record of both directions (576 bytes, caller-owned, movable). Its
- * fields may be read; the library keeps them consistent after every call. */
+ * fields may be read; the library keeps them consistent after every call. A
+ * container that puts bits of its own right before the first block (as the zfp
+ * tool's header does) may, right after Init, store its last partial word in
+ * bitBuffer with bitCount (< 64) bits: the encoder appends the blocks to them. A
+ * decoder may likewise be started in mid-byte: Init after that byte and put its
+ * unread bits in bitBuffer / bitCount. */
 typedef struct OzrsZfpState_32f {
     Ozr32u magic;          /* 0x4B617398 once initialised */
     Ozr32s minBits;        /* minimum bits per block (zero-padded up to it) */
