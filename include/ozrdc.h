@@ -207,7 +207,145 @@ OzrResult ozrsDecodeLZO_8u(const Ozr8u* pSrc, Ozr32u srcLen, Ozr8u* pDst, Ozr32u
 OzrResult ozrsDecodeLZOSafe_8u(const Ozr8u* pSrc, Ozr32u srcLen, Ozr8u* pDst, Ozr32u* pDstLen);
 
 /* ==== ZFP ===================================================================== */
-/* (ZFP declarations go here) */
+/*
+ * Lossy compression of 32-bit floats in blocks of 4x4x4 values with the ZFP block
+ * coder: a common block exponent, conversion to 32-bit integers, a decorrelating
+ * lifting transform, reordering by sequency, negabinary conversion and embedded
+ * bit-plane coding. The output is the bare concatenation of the coded blocks (no
+ * header); the decoder must be given the parameters that the encoder used.
+ *
+ * Encoding: ozrsEncodeZfpGetStateSize_32f -> allocate the record (576 bytes) ->
+ * ozrsEncodeZfpInit_32f over the output buffer -> optionally ozrsEncodeZfpSet_32f or
+ * ozrsEncodeZfpSetAccuracy_32f -> ozrsEncodeZfp444_32f once per block ->
+ * ozrsEncodeZfpFlush_32f -> ozrsEncodeZfpGetCompressedSize_32f for the byte count.
+ * Decoding: ozrsDecodeZfpInit_32f over the compressed bytes -> the same parameters
+ * -> ozrsDecodeZfp444_32f once per block, in the order the blocks were encoded.
+ *
+ * The four parameters and the published coder's modes (libzfp 1.0, 3-D float):
+ *   minBits  every block is padded with zero bits to at least this many bits;
+ *   maxBits  at most this many bits are spent on a block (header included);
+ *   maxPrec  at most this many bit planes are coded (32 or more: all of them);
+ *   minExp   bit planes below 2^minExp are not coded (the absolute error bound).
+ *   Defaults: minBits 0, maxBits 4171, maxPrec 64, minExp -10740: every plane of
+ *   every block is coded.
+ *   - fixed rate R bits per value (zfp_stream_set_rate(zfp, R, zfp_type_float, 3,
+ *     zfp_false)): minBits = maxBits = the rounded 64 x R (at least 9, libzfp's
+ *     minimum), maxPrec 64, minExp -10740. Every block then costs exactly maxBits.
+ *   - fixed precision P (zfp_stream_set_precision): minBits 0, maxBits 4171 (or
+ *     more), maxPrec P, minExp -10740.
+ *   - fixed accuracy T (zfp_stream_set_accuracy): minBits 0, maxBits 4171,
+ *     maxPrec 64, and minExp = floor(log2(T)), which ozrsEncodeZfpSetAccuracy_32f
+ *     sets from T.
+ *   - libzfp's expert mode (zfp_stream_set_params(minbits, maxbits, maxprec,
+ *     minexp)) maps one to one onto ozrsEncodeZfpSet_32f.
+ *   With these settings the bit streams equal libzfp's bit for bit, and each side
+ *   decodes the other's streams to the same floats, for every block whose largest
+ *   magnitude is at least 2^-98. Below that, libzfp's float scale factor
+ *   2^(30 - emax) overflows single precision and its output is meaningless; this
+ *   library clamps the scale at 2^127 (and the decoder's inverse at 2^-127), so such
+ *   tiny blocks still round-trip, with fewer significant bits. libzfp flushes its
+ *   stream to a byte (its Debian build uses 8-bit stream words); this library
+ *   flushes to a 64-bit word while room allows, so its streams may carry up to 7
+ *   more zero bytes at the end.
+ */
+
+/* The state record of both directions (576 bytes, caller-owned, movable). Its
+ * fields may be read; the library keeps them consistent after every call. A
+ * container that puts bits of its own right before the first block (as the zfp
+ * tool's header does) may, right after Init, store its last partial word in
+ * bitBuffer with bitCount (< 64) bits: the encoder appends the blocks to them. A
+ * decoder may likewise be started in mid-byte: Init after that byte and put its
+ * unread bits in bitBuffer / bitCount. */
+typedef struct OzrsZfpState_32f {
+    Ozr32u magic;          /* 0x4B617398 once initialised */
+    Ozr32s minBits;        /* minimum bits per block (zero-padded up to it) */
+    Ozr32s maxBits;        /* maximum bits per block */
+    Ozr32s maxPrec;        /* maximum number of bit planes coded */
+    Ozr32s minExp;         /* smallest bit-plane exponent coded */
+    Ozr32s bitCount;       /* valid bits in bitBuffer */
+    Ozr64u bitBuffer;      /* pending (encoder) or loaded unread (decoder) bits, lowest first */
+    Ozr8u* pCur;           /* next 64-bit word to write / next byte to load */
+    Ozr8u* pStart;         /* start of the buffer given to Init */
+    Ozr8u* pEnd;           /* end of that buffer */
+    Ozr8u* pLimit;         /* pEnd minus the largest block in bytes, rounded up to 8 */
+    Ozr32f block[64];      /* working copy of the current block */
+    Ozr8u  reserved[256];  /* pads the record to 576 bytes */
+} OzrsZfpState_32f;
+
+/* Writes the size of OzrsZfpState_32f, 576, to *pSize. pSize null -> ozrErrNullPointer. */
+OzrResult ozrsEncodeZfpGetStateSize_32f(Ozr32s* pSize);
+
+/* Prepares *pState to encode into pDst[0 .. dstLen): sets the magic and the default
+ * parameters, empties the bit buffer. pDst or pState null -> ozrErrNullPointer;
+ * dstLen < 1 -> ozrErrSize. */
+OzrResult ozrsEncodeZfpInit_32f(Ozr8u* pDst, Ozr32s dstLen, OzrsZfpState_32f* pState);
+
+/* As ozrsEncodeZfpInit_32f with a 64-bit length; dstLen == 0 -> ozrErrSize. */
+OzrResult ozrsEncodeZfpInitLong_32f(Ozr8u* pDst, Ozr64u dstLen, OzrsZfpState_32f* pState);
+
+/* Stores the four coding parameters as given (no range checks) and recomputes
+ * pLimit from maxBits. pState null -> ozrErrNullPointer; not initialised ->
+ * ozrErrBadParameter. */
+OzrResult ozrsEncodeZfpSet_32f(Ozr32s minBits, Ozr32s maxBits, Ozr32s maxPrec, Ozr32s minExp,
+                               OzrsZfpState_32f* pState);
+
+/* Fixed accuracy: sets minExp to the binary exponent of `tolerance` (its unbiased
+ * IEEE exponent, floor(log2(tolerance)) for normal values) when tolerance > 0, else
+ * to -10740 (all planes). Nothing else changes. Errors as ozrsEncodeZfpSet_32f. */
+OzrResult ozrsEncodeZfpSetAccuracy_32f(OzrsZfpState_32f* pState, Ozr64f tolerance);
+
+/* Encodes one 4x4x4 block: value (x, y, z) is read from the byte address
+ * pSrc + z * srcPlaneStep + y * srcStep + 4 * x. The bits go to the state's bit
+ * buffer; every complete 64-bit word is stored little-endian at pCur.
+ * pSrc or pState null -> ozrErrNullPointer; not initialised -> ozrErrBadParameter;
+ * a word that does not fit before pEnd -> ozrErrOutOfRange: the words before it are
+ * stored, the word that did not fit stays in bitBuffer (bitCount then reads 64), so
+ * that ozrsEncodeZfpGetCompressedBitSize_32f still counts every bit produced; later
+ * blocks are refused with the same status and ozrsEncodeZfpFlush_32f stores what
+ * bytes still fit. */
+OzrResult ozrsEncodeZfp444_32f(const Ozr32f* pSrc, Ozr32s srcStep, Ozr32s srcPlaneStep,
+                               OzrsZfpState_32f* pState);
+
+/* Writes pCur - pStart, the bytes stored so far (pending bits are not counted until
+ * flushed), to *pSize. Either pointer null -> ozrErrNullPointer; not initialised ->
+ * ozrErrBadParameter. */
+OzrResult ozrsEncodeZfpGetCompressedSize_32f(const OzrsZfpState_32f* pState, Ozr32u* pSize);
+OzrResult ozrsEncodeZfpGetCompressedSizeLong_32f(const OzrsZfpState_32f* pState, Ozr64u* pSize);
+
+/* Writes the exact bit length of the stream so far, pending bits included:
+ * bitCount + 8 * (pCur - pStart). Errors as ozrsEncodeZfpGetCompressedSize_32f. */
+OzrResult ozrsEncodeZfpGetCompressedBitSize_32f(const OzrsZfpState_32f* pState, Ozr64u* pBits);
+
+/* Stores the pending bits: as one 64-bit word (high bits zero) while 8 bytes fit,
+ * else byte by byte, lowest first. Nothing pending -> ozrOk with nothing written.
+ * pState null -> ozrErrNullPointer; not initialised -> ozrErrBadParameter; no room
+ * for every pending byte -> ozrErrOutOfRange, with pCur at the first byte not
+ * written and the unwritten bits still pending. */
+OzrResult ozrsEncodeZfpFlush_32f(OzrsZfpState_32f* pState);
+
+/* Decoder set-up: the encoder's functions of the same shape, with the compressed
+ * input in place of the output buffer (the decoder never writes to it). Set the
+ * parameters that were used to encode. */
+OzrResult ozrsDecodeZfpGetStateSize_32f(Ozr32s* pSize);
+OzrResult ozrsDecodeZfpInit_32f(const Ozr8u* pSrc, Ozr32s srcLen, OzrsZfpState_32f* pState);
+OzrResult ozrsDecodeZfpInitLong_32f(const Ozr8u* pSrc, Ozr64u srcLen, OzrsZfpState_32f* pState);
+OzrResult ozrsDecodeZfpSet_32f(Ozr32s minBits, Ozr32s maxBits, Ozr32s maxPrec, Ozr32s minExp,
+                               OzrsZfpState_32f* pState);
+OzrResult ozrsDecodeZfpSetAccuracy_32f(OzrsZfpState_32f* pState, Ozr64f tolerance);
+
+/* Writes pCur - pStart, the input bytes loaded so far, to *pSize (64-bit in the
+ * Long form). Errors as ozrsEncodeZfpGetCompressedSize_32f. */
+OzrResult ozrsDecodeZfpGetDecompressedSize_32f(const OzrsZfpState_32f* pState, Ozr32u* pSize);
+OzrResult ozrsDecodeZfpGetDecompressedSizeLong_32f(const OzrsZfpState_32f* pState, Ozr64u* pSize);
+
+/* Decodes one block into pDst: value (x, y, z) goes to the byte address
+ * pDst + z * dstPlaneStep + y * dstStep + 4 * x. Input bits are loaded as 64-bit
+ * little-endian words while 8 bytes remain, then byte by byte.
+ * pState or pDst null -> ozrErrNullPointer; not initialised -> ozrErrBadParameter;
+ * the input ends while bits are needed -> ozrErrOutOfRange: all input is then
+ * consumed and pDst is left untouched. */
+OzrResult ozrsDecodeZfp444_32f(OzrsZfpState_32f* pState, Ozr32f* pDst, Ozr32s dstStep,
+                               Ozr32s dstPlaneStep);
 
 #ifdef __cplusplus
 }
