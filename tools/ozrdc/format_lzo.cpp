@@ -15,7 +15,6 @@
 //                the uncompressed size, else stored.
 // We write version 0x1040, flags Adler-32 of the uncompressed data and OS Unix, no
 // name, the current time, and blocks that do not shrink stored.
-#include <zlib.h>
 
 #include <cstring>
 #include <ctime>
@@ -36,13 +35,16 @@ constexpr uint32_t F_ADLER32_D = 0x1, F_ADLER32_C = 0x2, F_H_EXTRA_FIELD = 0x40,
                    F_CRC32_C = 0x200, F_MULTIPART = 0x400, F_H_FILTER = 0x800, F_H_CRC32 = 0x1000,
                    F_OS_UNIX = 0x03000000;
 
-// The lzop checksum (Adler-32, start value 1).
-// TODO(merge): switch to the library's ozrsAdler32_8u once the checksum family lands.
+// The lzop checksums, computed by the library: Adler-32 (start value 1) and CRC-32
+// (start value 0). Pieces are at most one 256 KiB block or a header, well within the
+// library's signed 32-bit lengths; an empty piece leaves the value as it is.
 uint32_t lzopAdler32(uint32_t adler, const unsigned char* p, size_t n) {
-    return static_cast<uint32_t>(adler32(adler, p, static_cast<uInt>(n)));
+    if (n > 0) ozrsAdler32_8u(p, static_cast<Ozr32s>(n), &adler);
+    return adler;
 }
 uint32_t lzopCrc32(uint32_t crc, const unsigned char* p, size_t n) {
-    return static_cast<uint32_t>(crc32(crc, p, static_cast<uInt>(n)));
+    if (n > 0) ozrsCRC32_8u(p, static_cast<Ozr32s>(n), &crc);
+    return crc;
 }
 
 void putBE16(std::vector<unsigned char>& v, uint32_t x) {
