@@ -21,7 +21,7 @@ for t in build/fuzz/fuzz/fuzz_*; do
         -artifact_prefix=build/fuzz/artifacts/"$name"- "$work" $seeds >build/fuzz/"$name".log 2>&1; then
     echo "fuzz: $name FAILED"; tail -40 build/fuzz/"$name".log; status=1
   else
-    grep -E '^#[0-9]+ *DONE' build/fuzz/"$name".log | tail -1 || true
+    grep -E '^Done [0-9]+ runs' build/fuzz/"$name".log | tail -1 || true
   fi
 done
 exit $status
