@@ -49,6 +49,18 @@ OzrResult m7_ozrsThreshold_GT_32s_I(Ozr32s* pSrcDst, int len, Ozr32s level);
 
 }  // extern "C"
 
+// ---- Bit scans --------------------------------------------------------------
+namespace m7 {
+// Index of the lowest set bit of a non-zero word. Written as a plain BSF: the
+// compiler's __builtin_ctzll emits REP BSF, which disassembles (and on newer cores
+// executes) as TZCNT, an instruction this SSE3 variant must not contain.
+inline unsigned trailingZeros64(Ozr64u x) {
+    Ozr64u r;
+    __asm__("bsfq %1, %0" : "=r"(r) : "rm"(x) : "cc");
+    return static_cast<unsigned>(r);
+}
+}  // namespace m7
+
 // ---- Argument-check helpers --------------------------------------------------
 // Keep each entry function's checks one line each, in the documented order.
 namespace m7 {

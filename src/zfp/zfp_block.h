@@ -69,14 +69,6 @@ inline __m128 powerOfTwo(int field) { return _mm_castsi128_ps(_mm_set1_epi32(fie
 
 inline Ozr64u lowMask(int n) { return n >= 64 ? ~Ozr64u(0) : (Ozr64u(1) << n) - 1; }
 
-// Count of trailing zero bits of a non-zero word. Plain bsf: the SSE3 variant may
-// not use tzcnt, which the compiler's builtin can become.
-inline int trailingZeros(Ozr64u x) {
-    Ozr64u r;
-    __asm__("bsfq %1, %0" : "=r"(r) : "rm"(x) : "cc");
-    return int(r);
-}
-
 // ---- Lifting transform ---------------------------------------------------------
 // The published coder's non-orthogonal decorrelating transform of 4 values
 //        ( 4  4  4  4) (x)

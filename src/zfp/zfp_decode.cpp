@@ -134,7 +134,7 @@ inline int decodePlanes(BitSource<Checked>& in, int budget, int prec, Ozr64u (&p
                 int lim = 63 - n < bits ? 63 - n : bits;
                 if (lim == 0) break;
                 if (in.cnt == 0) in.refill();
-                int z = in.buf ? trailingZeros(in.buf) : in.cnt;
+                int z = in.buf ? m7::trailingZeros64(in.buf) : in.cnt;
                 if (z >= lim) {
                     in.drop(lim);
                     n += lim;

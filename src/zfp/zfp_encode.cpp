@@ -76,7 +76,7 @@ inline int encodePlanes(BitSink& s, const __m128i (&u)[16], int prec, int budget
                 --bits;
                 break;
             }
-            int d = trailingZeros(r);
+            int d = m7::trailingZeros64(r);
             int p = n + d;  // next coefficient that becomes significant
             int len;
             Ozr64u code;
