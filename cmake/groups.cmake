@@ -3,4 +3,5 @@
 set(OZRDC_ALL_GROUPS core checksum deflate deflate_fastest inflate lz4 lz4hc lzo lzss bzip2 zfp)
 set(OZRDC_BUILT_GROUPS
   core
+  lz4
 )
