@@ -637,3 +637,87 @@ TEST(LZ4Args, DictionaryTableIsRebasedBelowTheNewInput) {
                                                  reinterpret_cast<const char*>(all.data()), 1000));
     EXPECT_EQ(dec, Bytes(all.begin() + 1000, all.end()));
 }
+
+// ---- The tool's LZ4 frames against the lz4 command -------------------------------------
+
+namespace {
+
+std::string tmpPath(const std::string& name) { return ::testing::TempDir() + "ozrdc_lz4_" + name; }
+
+void writeFile(const std::string& path, const Bytes& b) {
+    FILE* f = std::fopen(path.c_str(), "wb");
+    ASSERT_NE(f, nullptr);
+    if (!b.empty()) std::fwrite(b.data(), 1, b.size(), f);
+    std::fclose(f);
+}
+
+Bytes readFile(const std::string& path) {
+    Bytes b;
+    FILE* f = std::fopen(path.c_str(), "rb");
+    if (!f) return b;
+    uint8_t buf[65536];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) b.insert(b.end(), buf, buf + n);
+    std::fclose(f);
+    return b;
+}
+
+int run(const std::string& cmd) { return std::system((cmd + " 2>/dev/null").c_str()); }
+
+bool haveLz4Tool() { return run("lz4 --version >/dev/null") == 0; }
+
+}  // namespace
+
+TEST(LZ4Tool, OurFramesDecodeWithTheLz4Command) {
+    if (!haveLz4Tool()) GTEST_SKIP() << "no lz4 command";
+    const std::string tool = OZRDC_TOOL_PATH;
+    for (const Bytes& in : {Bytes{}, randomBytes(1, 1), textBytes(100000, 2), repetitiveBytes(9 << 20, 3)}) {
+        const std::string src = tmpPath("in"), enc = tmpPath("in.lz4"), dec = tmpPath("dec");
+        writeFile(src, in);
+        ASSERT_EQ(0, run(tool + " compress -f -F lz4 " + src + " -o " + enc));
+        ASSERT_EQ(0, run("lz4 -d -q -f " + enc + " " + dec));
+        EXPECT_EQ(readFile(dec), in) << in.size();
+    }
+}
+
+TEST(LZ4Tool, Lz4CommandFramesDecodeWithOurs) {
+    if (!haveLz4Tool()) GTEST_SKIP() << "no lz4 command";
+    const std::string tool = OZRDC_TOOL_PATH;
+    const Bytes in = repetitiveBytes(5 << 20, 4);
+    const std::string src = tmpPath("src"), enc = tmpPath("src.lz4"), dec = tmpPath("out");
+    writeFile(src, in);
+    for (const char* opts : {"", "-BD", "-BX", "-B4 -BD -BX", "--content-size", "-9 -B4 -BD", "--no-frame-crc"}) {
+        ASSERT_EQ(0, run(std::string("lz4 -q -f ") + opts + " " + src + " " + enc));
+        ASSERT_EQ(0, run(tool + " decompress -f " + enc + " -o " + dec)) << opts;
+        EXPECT_EQ(readFile(dec), in) << opts;
+    }
+    // Two frames in a row with a skippable frame between them.
+    Bytes both = readFile(enc);
+    const Bytes skippable = {0x5A, 0x2A, 0x4D, 0x18, 3, 0, 0, 0, 'x', 'y', 'z'};
+    both.insert(both.end(), skippable.begin(), skippable.end());
+    const Bytes first = readFile(enc);
+    both.insert(both.end(), first.begin(), first.end());
+    writeFile(enc, both);
+    ASSERT_EQ(0, run(tool + " decompress -f " + enc + " -o " + dec));
+    Bytes twice(in);
+    twice.insert(twice.end(), in.begin(), in.end());
+    EXPECT_EQ(readFile(dec), twice);
+}
+
+TEST(LZ4Tool, DamagedFramesFailAndLeaveNoOutput) {
+    const std::string tool = OZRDC_TOOL_PATH;
+    const Bytes in = textBytes(300000, 5);
+    const std::string src = tmpPath("dmg"), enc = tmpPath("dmg.lz4"), bad = tmpPath("bad.lz4"), dec = tmpPath("dmg.out");
+    writeFile(src, in);
+    ASSERT_EQ(0, run(tool + " compress -f -F lz4 " + src + " -o " + enc));
+    const Bytes good = readFile(enc);
+    std::remove(dec.c_str());
+    writeFile(bad, Bytes(good.begin(), good.begin() + good.size() / 2));
+    EXPECT_NE(0, run(tool + " decompress " + bad + " -o " + dec)) << "truncated";
+    EXPECT_TRUE(readFile(dec).empty());
+    Bytes flipped(good);
+    flipped[good.size() / 2] ^= 0x10;
+    writeFile(bad, flipped);
+    EXPECT_NE(0, run(tool + " decompress " + bad + " -o " + dec)) << "corrupt";
+    EXPECT_TRUE(readFile(dec).empty());
+}
