@@ -81,10 +81,13 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
     Ozr8u* op = dstStart;
     Ozr8u* const dstEnd = dstStart + dstCap;
     const OzrResult finalStatus = srcLen == 1 ? ozrWarnSrcSizeLess : ozrOk;
-
+    // Held in locals: byte stores through op could alias the caller's record, which
+    // would make the compiler reload it after every copy.
+    const HistoryView hv = h;
     // A match source q = op - off is valid when off <= (op - dstStart) + reach.
-    auto offsetValid = [&](size_t off) -> bool {
-        return static_cast<ptrdiff_t>(off) <= (op - dstStart) + h.reach;
+    const ptrdiff_t reach = hv.reach;
+    auto offsetValid = [reach, dstStart](const Ozr8u* o, size_t off) -> bool {
+        return static_cast<ptrdiff_t>(off) <= (o - dstStart) + reach;
     };
 
     // ---- Fast loop: at least 32 input bytes and 64 output bytes left. ----
@@ -118,7 +121,7 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
 
             const size_t off = load16le(ip);
             ip += 2;
-            if (!offsetValid(off)) return ozrErrFailed;
+            if (!offsetValid(op, off)) return ozrErrFailed;
             size_t ml = token & kRunMask;
             if (ml == kRunMask) {
                 ml = readLengthExt(ip, srcFastEnd, ml);
@@ -134,8 +137,8 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
                 break;
             }
             if constexpr (H == History::ExtDict) {
-                if ((op - h.base) - static_cast<ptrdiff_t>(off) < static_cast<ptrdiff_t>(h.dictSize)) {
-                    copyMatchExact<H>(op, off, ml, h);
+                if ((op - hv.base) - static_cast<ptrdiff_t>(off) < static_cast<ptrdiff_t>(hv.dictSize)) {
+                    copyMatchExact<H>(op, off, ml, hv);
                     op += ml;
                     continue;
                 }
@@ -145,7 +148,10 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
                 copy16(op, q);
                 if (ml > 16) {
                     copy16(op + 16, q + 16);
-                    for (size_t i = 32; i < ml; i += 16) copy16(op + i, q + i);
+                    for (size_t i = 32; i < ml; i += 32) {
+                        copy16(op + i, q + i);
+                        copy16(op + i + 16, q + i + 16);
+                    }
                 }
             } else if (off != 0) {
                 copyOverlapWild(op, off, ml);
@@ -188,18 +194,18 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
 
         const size_t off = load16le(ip);
         ip += 2;
-        if (!offsetValid(off)) return ozrErrFailed;
+        if (!offsetValid(op, off)) return ozrErrFailed;
         size_t ml = token & kRunMask;
         if (ml == kRunMask) ml = readLengthExt(ip, srcEnd, ml);
         ml += kMinMatch;
         if (ml > kMaxLength) return ozrErrSize;
         const size_t room = static_cast<size_t>(dstEnd - op);
         if (ml > room) {
-            copyMatchExact<H>(op, off, room, h);
+            copyMatchExact<H>(op, off, room, hv);
             op += room;
             return report(ozrWarnDstSizeLess);
         }
-        copyMatchExact<H>(op, off, ml, h);
+        copyMatchExact<H>(op, off, ml, hv);
         op += ml;
     }
 }

@@ -88,8 +88,11 @@ inline void copyOverlapWild(Ozr8u* d, size_t off, size_t n) {
         for (size_t i = 0; i < n; i += 16) copy16(d + i, s + i);
     } else if (off >= 8) {
         for (size_t i = 0; i < n; i += 8) copy8(d + i, s + i);
-    } else if (off == 1) {
-        const __m128i v = _mm_set1_epi8(static_cast<char>(s[0]));
+    } else if (off == 1 || off == 2 || off == 4) {
+        // Periods that divide 16: one register holds whole periods.
+        const __m128i v = off == 1 ? _mm_set1_epi8(static_cast<char>(s[0]))
+                        : off == 2 ? _mm_set1_epi16(static_cast<short>(load16le(s)))
+                                   : _mm_set1_epi32(static_cast<int>(load32(s)));
         for (size_t i = 0; i < n; i += 16) _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i), v);
     } else {
         for (size_t i = 0; i < 8; ++i) d[i] = s[i];
