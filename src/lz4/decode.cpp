@@ -121,20 +121,24 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
 
             const size_t off = load16le(ip);
             ip += 2;
-            if (!offsetValid(op, off)) return ozrErrFailed;
+            if (__builtin_expect(!offsetValid(op, off), 0)) return ozrErrFailed;
             size_t ml = token & kRunMask;
             if (ml == kRunMask) {
-                ml = readLengthExt(ip, srcFastEnd, ml);
-                if (ip >= srcFastEnd) {
+                // The first extension byte lies inside the input (ip <= srcEnd - 16).
+                unsigned b = *ip++;
+                ml += b;
+                if (__builtin_expect(b == 255, 0)) ml = readLengthExt(ip, srcFastEnd, ml);
+                ml += kMinMatch;
+                // op may stand up to 14 bytes past dstFastEnd after short literals.
+                if (ip >= srcFastEnd || static_cast<ptrdiff_t>(ml) > dstFastEnd - op) {
                     ip = seqIp, op = seqOp;
                     break;
                 }
-            }
-            ml += kMinMatch;
-            // op may stand up to 14 bytes past dstFastEnd after short literals.
-            if (static_cast<ptrdiff_t>(ml) > dstFastEnd - op) {
-                ip = seqIp, op = seqOp;
-                break;
+            } else {
+                // A short match (at most 18 bytes) after at most 14 literals from a
+                // token below dstFastEnd: even a 24-byte blind copy stays 26 bytes
+                // inside the output, so no room check is needed.
+                ml += kMinMatch;
             }
             if constexpr (H == History::ExtDict) {
                 if ((op - hv.base) - static_cast<ptrdiff_t>(off) < static_cast<ptrdiff_t>(hv.dictSize)) {
@@ -143,14 +147,21 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
                     continue;
                 }
             }
-            if (off >= 16) {
+            if (__builtin_expect(off >= 8, 1)) {
+                // 24 bytes unconditionally (each 8-byte step reads only bytes already
+                // final), then the rest of a long match.
                 const Ozr8u* q = op - off;
-                copy16(op, q);
-                if (ml > 16) {
-                    copy16(op + 16, q + 16);
-                    for (size_t i = 32; i < ml; i += 32) {
-                        copy16(op + i, q + i);
-                        copy16(op + i + 16, q + i + 16);
+                copy8(op, q);
+                copy8(op + 8, q + 8);
+                copy8(op + 16, q + 16);
+                if (__builtin_expect(ml > 24, 0)) {
+                    if (off >= 16) {
+                        for (size_t i = 24; i < ml; i += 32) {
+                            copy16(op + i, q + i);
+                            copy16(op + i + 16, q + i + 16);
+                        }
+                    } else {
+                        for (size_t i = 24; i < ml; i += 8) copy8(op + i, q + i);
                     }
                 }
             } else if (off != 0) {
