@@ -150,7 +150,7 @@ OzrResult ozrsAdler32_8u(const Ozr8u* pSrc, Ozr32s len, Ozr32u* pAdler);
  * not fit, or is cut short, is decoded as far as it goes and reported by a warning.
  *
  * The high-compression encoder (ozrsEncodeLZ4HC...) writes the same format with
- * hash chains and a lazy or optimal parse; see its own paragraph below.
+ * hash chains and a lazy or optimal parse; see its own introduction below.
  */
 
 /* Writes the byte size of the encoders' hash table (always 16384) to
@@ -239,6 +239,56 @@ OzrResult ozrsDecodeLZ4_8u(const Ozr8u* pSrc, int srcLen, Ozr8u* pDst, int* pDst
 OzrResult ozrsDecodeLZ4Dict_8u(const Ozr8u* pSrc, int* pSrcLen, Ozr8u* pDst, int dstIdx, int* pDstLen,
                                const Ozr8u* pDict, int dictSize);
 
+
+/* ---- LZ4 high compression ----------------------------------------------------
+ *
+ * The same block format, found with hash chains: levels 1-8 parse lazily (the
+ * longest match at each position, unless the next position has a longer one),
+ * levels 9-12 parse optimally over windows of up to 4096 positions, choosing the
+ * cheapest sequence of literals and matches in bytes. Higher levels follow longer
+ * chains. Level 0 selects the default, OZR_LZ4HC_DEFAULT_LEVEL (9).
+ *
+ * The work buffer (hash heads, chains and the parser's window; size from
+ * ozrsEncodeLZ4HCHashTableGetSize_8u) belongs to the caller, who prepares it once
+ * with ozrsEncodeLZ4HCHashTableInit_8u. Each call resets what it needs, so the buffer
+ * carries nothing from one call to the next and may be reused for any input; one
+ * buffer per concurrent call.
+ *
+ * Output is bounded: *pDstLen holds the capacity on entry and the block length on
+ * return. If the whole input does not fit, the block is a complete, valid block of
+ * the first *pSrcLen bytes (each of its sequences is whole, and it ends with at
+ * least 5 literals when the covered input allows) and the status is
+ * ozrWarnDstSizeLess. A capacity of n + n / 255 + 16 always holds the whole input.
+ */
+#define OZR_LZ4HC_DEFAULT_LEVEL 9
+#define OZR_LZ4HC_MAX_LEVEL 12
+
+/* Writes the byte size of the high-compression work buffer to *pHashTableSize.
+ * Errors: null -> ozrErrNullPointer. */
+OzrResult ozrsEncodeLZ4HCHashTableGetSize_8u(int* pHashTableSize);
+
+/* Prepares (clears) a work buffer of the size given above. Errors: null ->
+ * ozrErrNullPointer. */
+OzrResult ozrsEncodeLZ4HCHashTableInit_8u(Ozr8u* pHashTable);
+
+/* Encodes pSrc[0, *pSrcLen) as one independent block at the given level (0..12).
+ * *pSrcLen: in, the input length; out, the bytes covered. *pDstLen: in, the
+ * capacity; out, the block length. Statuses: ozrOk, or ozrWarnDstSizeLess when only
+ * a prefix fits. Errors: a null pointer -> ozrErrNullPointer; *pSrcLen or *pDstLen
+ * <= 0 -> ozrErrSize; level outside 0..12 -> ozrErrBadArgument. */
+OzrResult ozrsEncodeLZ4HC_8u(const Ozr8u* pSrc, int* pSrcLen, Ozr8u* pDst, int* pDstLen, Ozr8u* pHashTable,
+                             int level);
+
+/* Encodes a block that continues earlier data in the same buffer: the block is
+ * pSrc[srcIdx, srcIdx + *pSrcLen), and its matches may reach back into
+ * pSrc[dictLimit, srcIdx) (at most 65535 bytes back). Decode it with the same
+ * history right before the output (ozrsDecodeLZ4Dict_8u with a prefix, or an external
+ * dictionary holding those bytes). dictLimit = srcIdx gives an independent block.
+ * In/out lengths and statuses as in ozrsEncodeLZ4HC_8u. Errors: a null pointer ->
+ * ozrErrNullPointer; *pSrcLen or *pDstLen <= 0, srcIdx < 0, dictLimit < 0 or
+ * dictLimit > srcIdx -> ozrErrSize; level outside 0..12 -> ozrErrBadArgument. */
+OzrResult ozrsEncodeLZ4HCDictLimit_8u(const Ozr8u* pSrc, int srcIdx, int* pSrcLen, Ozr8u* pDst, int* pDstLen,
+                                      Ozr8u* pHashTable, int dictLimit, int level);
 
 /* ==== LZO1X =================================================================== */
 /* (LZO declarations go here) */

@@ -721,3 +721,89 @@ TEST(LZ4Tool, DamagedFramesFailAndLeaveNoOutput) {
     EXPECT_NE(0, run(tool + " decompress " + bad + " -o " + dec)) << "corrupt";
     EXPECT_TRUE(readFile(dec).empty());
 }
+
+// ---- High-compression encoder ----------------------------------------------------------
+
+namespace {
+
+Bytes hcTable() {
+    int size = 0;
+    EXPECT_EQ(ozrOk, m7_ozrsEncodeLZ4HCHashTableGetSize_8u(&size));
+    Bytes t(static_cast<size_t>(size));
+    EXPECT_EQ(ozrOk, m7_ozrsEncodeLZ4HCHashTableInit_8u(t.data()));
+    return t;
+}
+
+}  // namespace
+
+TEST(LZ4HC, EveryLevelDecodesThroughLiblz4AndBeatsThePlainEncoder) {
+    Bytes t = hcTable();
+    for (const Bytes& in : inputs()) {
+        if (in.size() > (1 << 20)) continue;
+        const int n = static_cast<int>(in.size());
+        const size_t plain = ourEncode(in).size();
+        for (int level : {0, 1, 4, 8, 9, 10, 12}) {
+            if (level == 12 && n > 70000) continue;  // slow, and covered by the smaller inputs
+            Guarded out(worstCase(n));
+            int sl = n, dl = static_cast<int>(out.capacity());
+            ASSERT_EQ(ozrOk, m7_ozrsEncodeLZ4HC_8u(in.data(), &sl, out.data(), &dl, t.data(), level));
+            ASSERT_TRUE(out.intact());
+            EXPECT_EQ(sl, n);
+            EXPECT_EQ(peerDecode(out.head(dl), in.size()), in) << "level " << level << " size " << n;
+            EXPECT_LE(static_cast<size_t>(dl), plain) << "level " << level << " size " << n;
+        }
+    }
+}
+
+TEST(LZ4HC, BoundedOutputGivesAValidPrefixBlock) {
+    Bytes t = hcTable();
+    const Bytes in = textBytes(200000, 8);
+    for (int level : {3, 9}) {
+        for (int cap : {1, 5, 6, 7, 20, 100, 5000, 30000}) {
+            Guarded out(cap);
+            int sl = static_cast<int>(in.size()), dl = cap;
+            EXPECT_EQ(ozrWarnDstSizeLess, m7_ozrsEncodeLZ4HC_8u(in.data(), &sl, out.data(), &dl, t.data(), level));
+            ASSERT_TRUE(out.intact()) << cap;
+            ASSERT_LE(dl, cap);
+            EXPECT_EQ(peerDecode(out.head(dl), sl), Bytes(in.begin(), in.begin() + sl)) << cap;
+        }
+    }
+}
+
+TEST(LZ4HC, DictLimitBlocksContinueEarlierData) {
+    Bytes t = hcTable();
+    const Bytes all = textBytes(300000, 9);
+    for (int start : {65536, 100000, 250000}) {
+        const int n = static_cast<int>(all.size()) - start;
+        Guarded out(worstCase(n));
+        int sl = n, dl = static_cast<int>(out.capacity());
+        ASSERT_EQ(ozrOk, m7_ozrsEncodeLZ4HCDictLimit_8u(all.data(), start, &sl, out.data(), &dl, t.data(), 0, 9));
+        Bytes dec(n);
+        const int hist = start < 65536 ? start : 65536;
+        EXPECT_EQ(n, LZ4_decompress_safe_usingDict(reinterpret_cast<const char*>(out.data()),
+                                                   reinterpret_cast<char*>(dec.data()), dl, n,
+                                                   reinterpret_cast<const char*>(all.data() + start - hist), hist));
+        EXPECT_EQ(dec, Bytes(all.begin() + start, all.end()));
+        // The history must help: an independent block of the same data is larger.
+        int sl2 = n, dl2 = static_cast<int>(out.capacity());
+        Guarded out2(worstCase(n));
+        ASSERT_EQ(ozrOk, m7_ozrsEncodeLZ4HCDictLimit_8u(all.data(), start, &sl2, out2.data(), &dl2, t.data(), start, 9));
+        EXPECT_LT(dl, dl2);
+    }
+}
+
+TEST(LZ4HC, ArgumentChecks) {
+    Bytes t = hcTable();
+    uint8_t b[64] = {0};
+    int n = 10, len = 64;
+    EXPECT_EQ(ozrErrNullPointer, m7_ozrsEncodeLZ4HCHashTableGetSize_8u(nullptr));
+    EXPECT_EQ(ozrErrNullPointer, m7_ozrsEncodeLZ4HCHashTableInit_8u(nullptr));
+    EXPECT_EQ(ozrErrNullPointer, m7_ozrsEncodeLZ4HC_8u(b, &n, b, &len, nullptr, 13));
+    n = 0;
+    EXPECT_EQ(ozrErrSize, m7_ozrsEncodeLZ4HC_8u(b, &n, b, &len, t.data(), 13));
+    n = 10;
+    EXPECT_EQ(ozrErrBadArgument, m7_ozrsEncodeLZ4HC_8u(b, &n, b + 16, &len, t.data(), 13));
+    EXPECT_EQ(ozrErrBadArgument, m7_ozrsEncodeLZ4HC_8u(b, &n, b + 16, &len, t.data(), -1));
+    EXPECT_EQ(ozrErrSize, m7_ozrsEncodeLZ4HCDictLimit_8u(b, 4, &n, b + 16, &len, t.data(), 5, 9));
+    EXPECT_EQ(ozrErrSize, m7_ozrsEncodeLZ4HCDictLimit_8u(b, -1, &n, b + 16, &len, t.data(), 0, 9));
+}
