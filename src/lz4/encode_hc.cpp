@@ -21,7 +21,7 @@
 namespace m7::lz4 {
 namespace {
 
-constexpr int kHashLog = 15;
+constexpr int kHashLog = 16;
 constexpr int kHeads = 1 << kHashLog;
 constexpr int kChainSlots = 1 << 16;
 constexpr Ozr32u kBias = 65536;
@@ -48,12 +48,14 @@ struct Level {
     int searches;    // chain links followed per position
     int sufficient;  // a match this long is taken at once
     bool optimal;
+    bool fullSearch = false;  // search every position of the window
+    int innerSearches = 0;    // chain links inside a parse window (0: as searches)
 };
 constexpr Level kLevels[13] = {
     {0, 0, false},                                                       // 0: unused (default)
     {4, 16, false},     {8, 16, false},    {16, 32, false},  {32, 32, false},
     {64, 64, false},    {128, 64, false},  {256, 64, false}, {512, 128, false},
-    {64, 64, true},     {256, 256, true},  {1024, 1024, true}, {16384, 4096, true},
+    {64, 64, true, false, 48},     {256, 256, true},  {1024, 1024, true}, {16384, 4096, true, true},
 };
 constexpr int kDefaultLevel = 9;
 
@@ -117,28 +119,51 @@ private:
     }
 
     // The longest match at ip (0 if none of at least 4 bytes); its distance in *off.
-    int longest(const Ozr8u* ip, Ozr32u* off) {
+    int longest(const Ozr8u* ip, Ozr32u* off, size_t minLen = 3, int searches = 0) {
         const Ozr32u ipIdx = indexOf(ip);
         insertUpTo(ipIdx);
+        // Locals: the stores of insertUpTo are done, and byte loads below must not make
+        // the compiler reload the members.
+        const Ozr16u* const chain = chain_;
+        const Ozr8u* const base = base_;
+        const Ozr32u lowIdx = lowIdx_;
+        const Ozr8u* const matchLimit = matchLimit_;
+        const size_t sufficient = static_cast<size_t>(lv_.sufficient);
         Ozr32u idx = heads_[hash4(ip)];
         const Ozr32u head4 = load32(ip);
-        const size_t room = static_cast<size_t>(matchLimit_ - ip);
-        size_t best = 3;
-        for (int n = lv_.searches; n > 0; --n) {
-            if (idx < lowIdx_ || ipIdx - idx > static_cast<Ozr32u>(kMaxDistance)) break;
-            const Ozr8u* ref = base_ + (idx - kBias);
+        const size_t room = static_cast<size_t>(matchLimit - ip);
+        size_t best = minLen < room ? minLen : room;
+        Ozr32u bestOff = 0;
+        // Candidates are followed along the chain of the 4 bytes at ip + shift. Once a
+        // match of length best is known, any longer one also repeats every 4 bytes
+        // inside it, so the walk may follow whichever of those 4-byte chains skips
+        // farthest back at this point: the rarer string, the fewer useless candidates.
+        Ozr32u shift = 0;
+        for (int n = searches > 0 ? searches : lv_.searches; n > 0; --n) {
+            if (idx < lowIdx || ipIdx - idx > static_cast<Ozr32u>(kMaxDistance)) break;
+            const Ozr8u* ref = base + (idx - kBias);
             // Only a candidate that agrees at the current best length can beat it.
             if (load32(ref + best - 3) == load32(ip + best - 3) && load32(ref) == head4) {
-                const size_t len = 4 + countEqual(ip + 4, ref + 4, matchLimit_);
+                const size_t len = 4 + countEqual(ip + 4, ref + 4, matchLimit);
                 if (len > best) {
                     best = len;
-                    *off = ipIdx - idx;
-                    if (len >= static_cast<size_t>(lv_.sufficient) || len >= room) break;
+                    bestOff = ipIdx - idx;
+                    if (len >= sufficient || len >= room) break;
+                    // Positions inside the match that are already entered in the chains.
+                    const Ozr32u span = static_cast<Ozr32u>(len - 3) < ipIdx - idx
+                                            ? static_cast<Ozr32u>(len - 3) : ipIdx - idx;
+                    Ozr32u far = 0;
+                    for (Ozr32u k = 0; k < span; ++k) {
+                        const Ozr32u d = chain[(idx + k) & 0xFFFF];
+                        if (d > far) far = d, shift = k;
+                    }
                 }
             }
-            idx -= chain_[idx & 0xFFFF];
+            const Ozr32u at = idx + shift;
+            idx = at - chain[at & 0xFFFF] - shift;
         }
-        return best >= kMinMatch ? static_cast<int>(best) : 0;
+        *off = bestOff;
+        return best > minLen && best >= kMinMatch ? static_cast<int>(best) : 0;
     }
 
     // Writes a sequence: literals [anchor, at), then a match. False when bounded
@@ -233,7 +258,8 @@ private:
 
     void relax(int at, Ozr32s price, Ozr32s litlen, Ozr32s mlen, Ozr32s off) {
         Node& n = nodes_[at];
-        if (price < n.price) {
+        // On equal price the shorter pending literal run wins: later literals cost less.
+        if (price < n.price || (price == n.price && litlen < n.litlen)) {
             n.price = price;
             n.litlen = litlen;
             n.mlen = mlen;
@@ -266,7 +292,15 @@ private:
                     end = i;
                     break;
                 }
-                if (ip + i < mflimit_) mlen = longest(ip + i, &moff);
+                // Below the top level, a position is not searched when the next one
+                // costs no more and a match from here could not beat what already
+                // reaches four bytes on.
+                const bool skip = !lv_.fullSearch && i + kMinMatch <= last && nd[i + 1].price <= nd[i].price &&
+                                  nd[i + kMinMatch].price < nd[i].price + matchPrice(kMinMatch);
+                // Below the top level only matches that reach past every arrival so far
+                // are looked for: they are what moves the window on.
+                const size_t minLen = lv_.fullSearch ? 3 : static_cast<size_t>(last - i) < 3 ? 3 : last - i;
+                if (!skip && ip + i < mflimit_) mlen = longest(ip + i, &moff, minLen, lv_.innerSearches);
                 if (mlen >= lv_.sufficient) {
                     // Taken at once: the path ends here and this match follows it.
                     end = i;
