@@ -122,8 +122,173 @@ OzrResult ozrsCRC32_BZ2_8u(const Ozr8u* pSrc, Ozr32s len, Ozr32u* pCRC);
  * incoming value reduced modulo 65521. */
 OzrResult ozrsAdler32_8u(const Ozr8u* pSrc, Ozr32s len, Ozr32u* pAdler);
 
-/* ==== LZ4 ===================================================================== */
-/* (LZ4 declarations go here) */
+/* ==== LZ4 =====================================================================
+ *
+ * Blocks of the LZ4 block format (no frame header, no checksum): a run of
+ * sequences, each a token byte (high nibble: literal count, low nibble: match
+ * length - 4; a nibble of 15 is continued by bytes that add up, 255 meaning another
+ * byte follows), the literals, a 2-byte little-endian match offset (1..65535) and
+ * the match length's extra bytes; the last sequence ends after its literals. The
+ * encoders end every block with at least 5 literals and start no match in the last
+ * 20 bytes of the input.
+ *
+ * Encoding: ask the table size (ozrsEncodeLZ4HashTableGetSize_8u, 16384 bytes),
+ * allocate it once, and call ozrsEncodeLZ4_8u (output sized for the worst case),
+ * ozrsEncodeLZ4Safe_8u (bounded output: encodes the longest prefix that fits) or
+ * ozrsEncodeLZ4Fast_8u (faster, coarser search). These three clear the table
+ * themselves. With a dictionary: ozrsEncodeLZ4DictHashTableInit_8u, then
+ * ozrsEncodeLZ4LoadDict_8u(table, dict, dictLen), then ozrsEncodeLZ4Dict_8u or
+ * ozrsEncodeLZ4DictSafe_8u with histLen = dictLen; the decoder then needs the same
+ * dictionary (ozrsDecodeLZ4Dict_8u). A block that continues data lying right before
+ * it in memory is encoded with pDict = pSrc - histLen and dictLen = histLen.
+ *
+ * Worst-case size of a block of n input bytes: n + n / 255 + 16.
+ *
+ * Decoding: ozrsDecodeLZ4_8u for a block without history, ozrsDecodeLZ4Dict_8u for
+ * a block whose matches may reach into a dictionary or into earlier output. The
+ * decoders never read past the input nor write past the capacity; a block that does
+ * not fit, or is cut short, is decoded as far as it goes and reported by a warning.
+ *
+ * The high-compression encoder (ozrsEncodeLZ4HC...) writes the same format with
+ * hash chains and a lazy or optimal parse; see its own introduction below.
+ */
+
+/* Writes the byte size of the encoders' hash table (always 16384) to
+ * *pHashTableSize. Errors: null -> ozrErrNullPointer. */
+OzrResult ozrsEncodeLZ4HashTableGetSize_8u(int* pHashTableSize);
+
+/* Clears the hash table for an input of srcLen bytes (4096 16-bit entries below
+ * 65536 bytes, else 4096 32-bit entries). The plain, bounded and accelerated
+ * encoders clear the table themselves; this is for callers that want a defined
+ * table. Errors: null -> ozrErrNullPointer; srcLen <= 0 -> ozrErrSize. */
+OzrResult ozrsEncodeLZ4HashTableInit_8u(Ozr8u* pHashTable, int srcLen);
+
+/* Clears the 4096 32-bit entries of a table for the dictionary encoders. Errors:
+ * null -> ozrErrNullPointer; srcLen <= 0 -> ozrErrSize. */
+OzrResult ozrsEncodeLZ4DictHashTableInit_8u(Ozr8u* pHashTable, int srcLen);
+
+/* Enters every third position of the dictionary (p = 0, 3, 6, ... while more than 8
+ * bytes follow p) into a dictionary table, as position p. A dictionary of 8 bytes or
+ * less leaves the table as it is. Errors: a null pointer -> ozrErrNullPointer;
+ * dictLen <= 0 -> ozrErrSize. */
+OzrResult ozrsEncodeLZ4LoadDict_8u(Ozr8u* pHashTable, const Ozr8u* pDict, int dictLen);
+
+/* Encodes srcLen bytes at pSrc as one block into pDst and stores its length in
+ * *pDstLen. pDst must hold the worst case (srcLen + srcLen / 255 + 16 bytes); the
+ * capacity is not checked. The table (16384 bytes, caller-owned) is cleared first.
+ * Errors: a null table -> ozrErrNullPointer (from the clearing, before any other
+ * check); any other null pointer -> ozrErrNullPointer; srcLen <= 0 -> ozrErrSize. */
+OzrResult ozrsEncodeLZ4_8u(const Ozr8u* pSrc, int srcLen, Ozr8u* pDst, int* pDstLen, Ozr8u* pHashTable);
+
+/* Bounded-output encoding. *pSrcLen: in, the input length; out, the number of input
+ * bytes the block covers. *pDstLen: in, the capacity of pDst; out, the block length.
+ * Nothing is written past the capacity. When the whole input does not fit, the block
+ * is a complete, valid block of the first *pSrcLen bytes and the status is
+ * ozrWarnDstSizeLess; otherwise ozrOk. Errors: null pSrcLen, then a null table,
+ * then any other null pointer -> ozrErrNullPointer; *pSrcLen or *pDstLen <= 0 ->
+ * ozrErrSize. */
+OzrResult ozrsEncodeLZ4Safe_8u(const Ozr8u* pSrc, int* pSrcLen, Ozr8u* pDst, int* pDstLen, Ozr8u* pHashTable);
+
+/* Like ozrsEncodeLZ4_8u with a coarser search that trades ratio for speed: the
+ * probe stride starts at `acceleration` and probes go four at a time. Acceleration 1
+ * is exactly ozrsEncodeLZ4_8u. Errors: a null pointer -> ozrErrNullPointer;
+ * srcLen <= 0 -> ozrErrSize; acceleration < 1 -> ozrErrAccelerationRange. */
+OzrResult ozrsEncodeLZ4Fast_8u(const Ozr8u* pSrc, int srcLen, Ozr8u* pDst, int* pDstLen, Ozr8u* pHashTable,
+                               int acceleration);
+
+/* Encodes srcLen bytes at pSrc against a history of histLen bytes: the last histLen
+ * bytes of the dictionary pDict[0, dictLen) (or, when pDict == pSrc - histLen and
+ * dictLen == histLen, or pDict is null, the histLen bytes in memory right before
+ * pSrc). The table (a dictionary table, prepared by ozrsEncodeLZ4DictHashTableInit_8u
+ * and ozrsEncodeLZ4LoadDict_8u, or left from the previous block) is first rebased so
+ * that no entry points at or beyond the new input. Output unbounded, as in
+ * ozrsEncodeLZ4_8u; the block length goes to *pDstLen. Errors: a null table ->
+ * ozrErrNullPointer; dictLen < 0 -> ozrErrSize; a null pointer -> ozrErrNullPointer;
+ * srcLen <= 0 -> ozrErrSize; histLen < 0 -> ozrErrBadArgument. */
+OzrResult ozrsEncodeLZ4Dict_8u(const Ozr8u* pSrc, int histLen, int srcLen, Ozr8u* pDst, int* pDstLen,
+                               Ozr8u* pHashTable, const Ozr8u* pDict, int dictLen);
+
+/* ozrsEncodeLZ4Dict_8u with bounded output and in/out *pSrcLen and *pDstLen as in
+ * ozrsEncodeLZ4Safe_8u (ozrWarnDstSizeLess when only a prefix fits). */
+OzrResult ozrsEncodeLZ4DictSafe_8u(const Ozr8u* pSrc, int histLen, int* pSrcLen, Ozr8u* pDst, int* pDstLen,
+                                   Ozr8u* pHashTable, const Ozr8u* pDict, int dictLen);
+
+/* Decodes the block pSrc[0, srcLen) into pDst. *pDstLen: in, the capacity; out, the
+ * bytes written. Statuses: ozrOk, the block decoded to its end (or the output filled
+ * exactly at the end of a literal run); ozrWarnDstSizeLess, the output filled inside
+ * a run (what fits is written); ozrWarnSrcSizeLess, the block is cut short (a literal
+ * run cut by the input's end, or ending in its last 7 bytes without being the last;
+ * also a block of exactly one byte, which decodes to nothing); ozrErrFailed, a match
+ * reaches before the start of the output (the bytes written so far stay, *pDstLen is
+ * not updated); ozrErrSize, a length field overflows 32 bits. Errors before decoding:
+ * a null pointer -> ozrErrNullPointer; srcLen or *pDstLen <= 0 -> ozrErrSize. */
+OzrResult ozrsDecodeLZ4_8u(const Ozr8u* pSrc, int srcLen, Ozr8u* pDst, int* pDstLen);
+
+/* Decodes a block with history into pDst + dstIdx. *pSrcLen: in, the block length;
+ * out, the input bytes consumed. *pDstLen: in, the capacity from pDst + dstIdx; out,
+ * the bytes written from there. The history is chosen by the dictionary:
+ *   - pDict null or dictSize 0: none;
+ *   - pDict + dictSize == pDst + dstIdx: the dictSize bytes in memory right before
+ *     the write start (a prefix: earlier output, or the dictionary copied there);
+ *   - otherwise an external dictionary that stands virtually in place of
+ *     pDst[0, dictSize): call with dstIdx = dictSize. Matches may reach back to pDst
+ *     and no further.
+ * Statuses as in ozrsDecodeLZ4_8u. Errors: a null pointer -> ozrErrNullPointer;
+ * *pSrcLen or *pDstLen <= 0 -> ozrErrSize; external dictionary with dictSize < 0
+ * -> ozrErrSize. */
+OzrResult ozrsDecodeLZ4Dict_8u(const Ozr8u* pSrc, int* pSrcLen, Ozr8u* pDst, int dstIdx, int* pDstLen,
+                               const Ozr8u* pDict, int dictSize);
+
+
+/* ---- LZ4 high compression ----------------------------------------------------
+ *
+ * The same block format, found with hash chains: levels 1-8 parse lazily (the
+ * longest match at each position, unless the next position has a longer one),
+ * levels 9-12 parse optimally over windows of up to 4096 positions, choosing the
+ * cheapest sequence of literals and matches in bytes. Higher levels follow longer
+ * chains. Level 0 selects the default, OZR_LZ4HC_DEFAULT_LEVEL (9).
+ *
+ * The work buffer (hash heads, chains and the parser's window; size from
+ * ozrsEncodeLZ4HCHashTableGetSize_8u) belongs to the caller, who prepares it once
+ * with ozrsEncodeLZ4HCHashTableInit_8u. Each call resets what it needs, so the buffer
+ * carries nothing from one call to the next and may be reused for any input; one
+ * buffer per concurrent call.
+ *
+ * Output is bounded: *pDstLen holds the capacity on entry and the block length on
+ * return. If the whole input does not fit, the block is a complete, valid block of
+ * the first *pSrcLen bytes (each of its sequences is whole, and it ends with at
+ * least 5 literals when the covered input allows) and the status is
+ * ozrWarnDstSizeLess. A capacity of n + n / 255 + 16 always holds the whole input.
+ */
+#define OZR_LZ4HC_DEFAULT_LEVEL 9
+#define OZR_LZ4HC_MAX_LEVEL 12
+
+/* Writes the byte size of the high-compression work buffer to *pHashTableSize.
+ * Errors: null -> ozrErrNullPointer. */
+OzrResult ozrsEncodeLZ4HCHashTableGetSize_8u(int* pHashTableSize);
+
+/* Prepares (clears) a work buffer of the size given above. Errors: null ->
+ * ozrErrNullPointer. */
+OzrResult ozrsEncodeLZ4HCHashTableInit_8u(Ozr8u* pHashTable);
+
+/* Encodes pSrc[0, *pSrcLen) as one independent block at the given level (0..12).
+ * *pSrcLen: in, the input length; out, the bytes covered. *pDstLen: in, the
+ * capacity; out, the block length. Statuses: ozrOk, or ozrWarnDstSizeLess when only
+ * a prefix fits. Errors: a null pointer -> ozrErrNullPointer; *pSrcLen or *pDstLen
+ * <= 0 -> ozrErrSize; level outside 0..12 -> ozrErrBadArgument. */
+OzrResult ozrsEncodeLZ4HC_8u(const Ozr8u* pSrc, int* pSrcLen, Ozr8u* pDst, int* pDstLen, Ozr8u* pHashTable,
+                             int level);
+
+/* Encodes a block that continues earlier data in the same buffer: the block is
+ * pSrc[srcIdx, srcIdx + *pSrcLen), and its matches may reach back into
+ * pSrc[dictLimit, srcIdx) (at most 65535 bytes back). Decode it with the same
+ * history right before the output (ozrsDecodeLZ4Dict_8u with a prefix, or an external
+ * dictionary holding those bytes). dictLimit = srcIdx gives an independent block.
+ * In/out lengths and statuses as in ozrsEncodeLZ4HC_8u. Errors: a null pointer ->
+ * ozrErrNullPointer; *pSrcLen or *pDstLen <= 0, srcIdx < 0, dictLimit < 0 or
+ * dictLimit > srcIdx -> ozrErrSize; level outside 0..12 -> ozrErrBadArgument. */
+OzrResult ozrsEncodeLZ4HCDictLimit_8u(const Ozr8u* pSrc, int srcIdx, int* pSrcLen, Ozr8u* pDst, int* pDstLen,
+                                      Ozr8u* pHashTable, int dictLimit, int level);
 
 /* ==== LZO1X =================================================================== */
 /*

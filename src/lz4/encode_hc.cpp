@@ -1,0 +1,430 @@
+// High-compression LZ4 block encoder: hash chains and, from level 9 up, an optimal
+// parse priced in exact LZ4 bytes.
+//
+// The caller's work buffer holds three areas:
+//   heads  32768 x 32-bit: the newest position of each 4-byte hash;
+//   chain  65536 x 16-bit: for position p (slot p mod 65536), the distance back to the
+//          previous position with the same hash (capped at 65535, where the window ends);
+//   nodes  the parser's arrival table for one window of positions.
+// Positions are stored biased by 65536, so that an empty head (0) is always farther
+// back than the 65535-byte window and needs no separate test.
+//
+// Levels 1-8 parse lazily: the longest match at p is taken unless p + 1 has a longer
+// one. Levels 9-12 parse optimally over windows of up to 4096 positions: every
+// position's longest match is found (a shorter prefix of it is a match as well, and in
+// LZ4 every offset costs the same two bytes, so the longest match stands for all), and
+// the cheapest path in bytes is chosen, literals priced with their run-length bytes.
+// Levels differ in how many chain links are followed and in the match length that is
+// taken at once without parsing around it.
+#include "lz4_common.h"
+
+namespace m7::lz4 {
+namespace {
+
+constexpr int kHashLog = 16;
+constexpr int kHeads = 1 << kHashLog;
+constexpr int kChainSlots = 1 << 16;
+constexpr Ozr32u kBias = 65536;
+constexpr int kOptWindow = 4096;
+constexpr int kMaxSufficient = 4096;
+constexpr int kMatchStartMargin = 12;  // the last match starts at least 12 bytes before the end
+
+struct Node {
+    Ozr32s price;   // bytes to reach this position from the window start
+    Ozr32s litlen;  // literals pending at this position on the cheapest path
+    Ozr32s mlen;    // the step that reaches it: 0 = a literal, else a match of this length
+    Ozr32s off;
+    Ozr32s selLen;  // after backtracking: a chosen match starts here
+    Ozr32s selOff;
+};
+constexpr int kNodes = kOptWindow + kMaxSufficient + 8;
+
+constexpr size_t kHeadsBytes = sizeof(Ozr32u) * kHeads;
+constexpr size_t kChainBytes = sizeof(Ozr16u) * kChainSlots;
+constexpr size_t kNodesBytes = sizeof(Node) * kNodes;
+constexpr int kHCTableBytes = static_cast<int>(kHeadsBytes + kChainBytes + kNodesBytes);
+
+struct Level {
+    int searches;    // chain links followed per position
+    int sufficient;  // a match this long is taken at once
+    bool optimal;
+    bool fullSearch = false;  // search every position of the window
+    int innerSearches = 0;    // chain links inside a parse window (0: as searches)
+};
+constexpr Level kLevels[13] = {
+    {0, 0, false},                                                       // 0: unused (default)
+    {4, 16, false},     {8, 16, false},    {16, 32, false},  {32, 32, false},
+    {64, 64, false},    {128, 64, false},  {256, 64, false}, {512, 128, false},
+    {64, 64, true, false, 48},     {256, 256, true},  {1024, 1024, true}, {16384, 4096, true, true},
+};
+constexpr int kDefaultLevel = 9;
+
+inline Ozr32u hash4(const Ozr8u* p) { return (load32(p) * 2654435761u) >> (32 - kHashLog); }
+
+// Bytes of a literal run of n, with its length bytes (the token is counted with the match).
+constexpr int litPrice(int n) { return n + (n >= 15 ? (n - 15) / 255 + 1 : 0); }
+// Token, offset and length bytes of a match of length L.
+constexpr int matchPrice(int len) { return 3 + (len >= 19 ? (len - 19) / 255 + 1 : 0); }
+
+// Equal bytes at p and r, at most up to limit (measured from p).
+inline size_t countEqual(const Ozr8u* p, const Ozr8u* r, const Ozr8u* limit) {
+    const Ozr8u* const start = p;
+    while (p + 8 <= limit) {
+        const Ozr64u x = load64(p) ^ load64(r);
+        if (x != 0) return static_cast<size_t>(p - start) + (lowestSetBit(x) >> 3);
+        p += 8, r += 8;
+    }
+    while (p < limit && *p == *r) ++p, ++r;
+    return static_cast<size_t>(p - start);
+}
+
+class HCEncoder {
+public:
+    HCEncoder(const Ozr8u* base, int srcIdx, int srcLen, Ozr8u* dst, int dstCap, Ozr8u* work, int dictLimit,
+              const Level& lv)
+        : base_(base), src_(base + srcIdx), srcEnd_(src_ + srcLen), matchLimit_(srcEnd_ - kLastLiterals),
+          mflimit_(srcLen > kMatchStartMargin ? srcEnd_ - kMatchStartMargin : src_), dst_(dst), op_(dst),
+          dstEnd_(dst + dstCap), lv_(lv) {
+        heads_ = reinterpret_cast<Ozr32u*>(work);
+        chain_ = reinterpret_cast<Ozr16u*>(work + kHeadsBytes);
+        nodes_ = reinterpret_cast<Node*>(work + kHeadsBytes + kChainBytes);
+        m7_ownsZero_8u(work, kHeadsBytes);
+        // The usable history: from dictLimit, and no more than the window before the block.
+        int histStart = srcIdx - kMaxDistance;
+        if (histStart < dictLimit) histStart = dictLimit;
+        lowIdx_ = static_cast<Ozr32u>(dictLimit) + kBias;
+        nextToUpdate_ = static_cast<Ozr32u>(histStart) + kBias;
+    }
+
+    // Returns the input bytes covered; *written receives the block length.
+    int run(int* written) {
+        if (lv_.optimal) parseOptimal();
+        else parseLazy();
+        lastLiterals();
+        *written = static_cast<int>(op_ - dst_);
+        return static_cast<int>(anchor_ - src_) + lastLits_;
+    }
+
+private:
+    Ozr32u indexOf(const Ozr8u* p) const { return static_cast<Ozr32u>(p - base_) + kBias; }
+
+    void insertUpTo(Ozr32u target) {
+        for (Ozr32u i = nextToUpdate_; i < target; ++i) {
+            const Ozr32u h = hash4(base_ + (i - kBias));
+            const Ozr32u delta = i - heads_[h];
+            chain_[i & 0xFFFF] = static_cast<Ozr16u>(delta > 65535 ? 65535 : delta);
+            heads_[h] = i;
+        }
+        if (target > nextToUpdate_) nextToUpdate_ = target;
+    }
+
+    // The longest match at ip (0 if none of at least 4 bytes); its distance in *off.
+    int longest(const Ozr8u* ip, Ozr32u* off, size_t minLen = 3, int searches = 0) {
+        const Ozr32u ipIdx = indexOf(ip);
+        insertUpTo(ipIdx);
+        // Locals: the stores of insertUpTo are done, and byte loads below must not make
+        // the compiler reload the members.
+        const Ozr16u* const chain = chain_;
+        const Ozr8u* const base = base_;
+        const Ozr32u lowIdx = lowIdx_;
+        const Ozr8u* const matchLimit = matchLimit_;
+        const size_t sufficient = static_cast<size_t>(lv_.sufficient);
+        Ozr32u idx = heads_[hash4(ip)];
+        const Ozr32u head4 = load32(ip);
+        const size_t room = static_cast<size_t>(matchLimit - ip);
+        size_t best = minLen < room ? minLen : room;
+        Ozr32u bestOff = 0;
+        // Candidates are followed along the chain of the 4 bytes at ip + shift. Once a
+        // match of length best is known, any longer one also repeats every 4 bytes
+        // inside it, so the walk may follow whichever of those 4-byte chains skips
+        // farthest back at this point: the rarer string, the fewer useless candidates.
+        Ozr32u shift = 0;
+        for (int n = searches > 0 ? searches : lv_.searches; n > 0; --n) {
+            if (idx < lowIdx || ipIdx - idx > static_cast<Ozr32u>(kMaxDistance)) break;
+            const Ozr8u* ref = base + (idx - kBias);
+            // Only a candidate that agrees at the current best length can beat it.
+            if (load32(ref + best - 3) == load32(ip + best - 3) && load32(ref) == head4) {
+                const size_t len = 4 + countEqual(ip + 4, ref + 4, matchLimit);
+                if (len > best) {
+                    best = len;
+                    bestOff = ipIdx - idx;
+                    if (len >= sufficient || len >= room) break;
+                    // Positions inside the match that are already entered in the chains.
+                    const Ozr32u span = static_cast<Ozr32u>(len - 3) < ipIdx - idx
+                                            ? static_cast<Ozr32u>(len - 3) : ipIdx - idx;
+                    Ozr32u far = 0;
+                    for (Ozr32u k = 0; k < span; ++k) {
+                        const Ozr32u d = chain[(idx + k) & 0xFFFF];
+                        if (d > far) far = d, shift = k;
+                    }
+                }
+            }
+            const Ozr32u at = idx + shift;
+            idx = at - chain[at & 0xFFFF] - shift;
+        }
+        *off = bestOff;
+        return best > minLen && best >= kMinMatch ? static_cast<int>(best) : 0;
+    }
+
+    // Writes a sequence: literals [anchor, at), then a match. False when bounded
+    // output has no room for it (and a final run of 5 literals after it).
+    bool emit(const Ozr8u* at, int ml, Ozr32u off) {
+        const size_t lit = static_cast<size_t>(at - anchor_);
+        const size_t need = 1 + (lit >= 15 ? (lit - 15) / 255 + 1 : 0) + lit + 2 +
+                            (ml >= 19 ? static_cast<size_t>(ml - 19) / 255 + 1 : 0);
+        if (need + 1 + kLastLiterals > static_cast<size_t>(dstEnd_ - op_)) {
+            full_ = true;
+            return false;
+        }
+        Ozr8u* op = op_;
+        Ozr8u* const token = op++;
+        unsigned tok;
+        if (lit >= kRunMask) {
+            tok = kRunMask << 4;
+            op = writeLength(op, lit - kRunMask);
+        } else {
+            tok = static_cast<unsigned>(lit) << 4;
+        }
+        copyExact(op, anchor_, lit);
+        op += lit;
+        store16le(op, static_cast<Ozr16u>(off));
+        op += 2;
+        const size_t code = static_cast<size_t>(ml) - kMinMatch;
+        if (code >= kRunMask) {
+            tok |= kRunMask;
+            op = writeLength(op, code - kRunMask);
+        } else {
+            tok |= static_cast<unsigned>(code);
+        }
+        *token = static_cast<Ozr8u>(tok);
+        op_ = op;
+        anchor_ = at + ml;
+        return true;
+    }
+
+    static Ozr8u* writeLength(Ozr8u* op, size_t rest) {
+        for (; rest >= 255; rest -= 255) *op++ = 255;
+        *op++ = static_cast<Ozr8u>(rest);
+        return op;
+    }
+
+    // Extends a match at ip (source ip - off) backwards over pending literals.
+    const Ozr8u* extendBack(const Ozr8u* ip, int* len, Ozr32u off) const {
+        const Ozr8u* const low = base_ + (lowIdx_ - kBias);
+        while (ip > anchor_ && ip - off > low && ip[-1] == ip[-1 - static_cast<ptrdiff_t>(off)]) --ip, ++*len;
+        return ip;
+    }
+
+    void parseLazy() {
+        const Ozr8u* ip = src_;
+        while (ip < mflimit_) {
+            Ozr32u off = 0;
+            int len = longest(ip, &off);
+            if (len == 0) {
+                ++ip;
+                continue;
+            }
+            ip = extendBack(ip, &len, off);
+            // One step of lookahead: a longer match one byte on wins over this one.
+            while (len < lv_.sufficient && ip + 1 < mflimit_) {
+                Ozr32u off2 = 0;
+                const int len2 = longest(ip + 1, &off2);
+                if (len2 <= len) break;
+                ++ip, len = len2, off = off2;
+            }
+            if (!emit(ip, len, off)) return;
+            ip += len;
+        }
+    }
+
+    void parseOptimal() {
+        const Ozr8u* ip = src_;
+        while (ip < mflimit_) {
+            Ozr32u off = 0;
+            int len = longest(ip, &off);
+            if (len == 0) {
+                ++ip;
+                continue;
+            }
+            if (len >= lv_.sufficient) {
+                if (!emit(ip, len, off)) return;
+                ip += len;
+                continue;
+            }
+            ip = parseWindow(ip, len, off);
+            if (ip == nullptr) return;
+        }
+    }
+
+    void relax(int at, Ozr32s price, Ozr32s litlen, Ozr32s mlen, Ozr32s off) {
+        Node& n = nodes_[at];
+        // On equal price the shorter pending literal run wins: later literals cost less.
+        if (price < n.price || (price == n.price && litlen < n.litlen)) {
+            n.price = price;
+            n.litlen = litlen;
+            n.mlen = mlen;
+            n.off = off;
+        }
+    }
+
+    // The cheapest path through the positions from ip, which has a match (len, off).
+    // Emits the chosen matches and returns where parsing goes on (null: output full).
+    const Ozr8u* parseWindow(const Ozr8u* ip, int len, Ozr32u off) {
+        Node* const nd = nodes_;
+        constexpr Ozr32s kInf = 0x3FFFFFFF;
+        nd[0] = Node{0, static_cast<Ozr32s>(ip - anchor_), 0, 0, 0, 0};
+        int last = 0;  // positions 0..last are initialised
+        auto extend = [&](int to) {
+            for (int k = last + 1; k <= to; ++k) nd[k].price = kInf;
+            if (to > last) last = to;
+        };
+        int end = -1;
+        const Ozr8u* forcedAt = nullptr;
+        int forcedLen = 0;
+        Ozr32u forcedOff = 0;
+        for (int i = 0;; ++i) {
+            int mlen = 0;
+            Ozr32u moff = 0;
+            if (i == 0) {
+                mlen = len, moff = off;
+            } else {
+                if (i >= last || i >= kOptWindow) {
+                    end = i;
+                    break;
+                }
+                // Below the top level, a position is not searched when the next one
+                // costs no more and a match from here could not beat what already
+                // reaches four bytes on.
+                const bool skip = !lv_.fullSearch && i + kMinMatch <= last && nd[i + 1].price <= nd[i].price &&
+                                  nd[i + kMinMatch].price < nd[i].price + matchPrice(kMinMatch);
+                // Below the top level only matches that reach past every arrival so far
+                // are looked for: they are what moves the window on.
+                const size_t minLen = lv_.fullSearch ? 3 : static_cast<size_t>(last - i) < 3 ? 3 : last - i;
+                if (!skip && ip + i < mflimit_) mlen = longest(ip + i, &moff, minLen, lv_.innerSearches);
+                if (mlen >= lv_.sufficient) {
+                    // Taken at once: the path ends here and this match follows it.
+                    end = i;
+                    forcedAt = ip + i, forcedLen = mlen, forcedOff = moff;
+                    break;
+                }
+            }
+            const Node cur = nd[i];
+            extend(i + (mlen > 0 ? mlen : 1));
+            relax(i + 1, cur.price + litPrice(cur.litlen + 1) - litPrice(cur.litlen), cur.litlen + 1, 0, 0);
+            for (int L = kMinMatch; L <= mlen; ++L)
+                relax(i + L, cur.price + matchPrice(L), 0, L, static_cast<Ozr32s>(moff));
+        }
+
+        // Back from the end: mark where the chosen matches start.
+        for (int k = 0; k <= end; ++k) nd[k].selLen = 0;
+        for (int k = end; k > 0;) {
+            if (nd[k].mlen == 0) {
+                --k;
+                continue;
+            }
+            const int from = k - nd[k].mlen;
+            nd[from].selLen = nd[k].mlen;
+            nd[from].selOff = nd[k].off;
+            k = from;
+        }
+        for (int k = 0; k < end;) {
+            if (nd[k].selLen == 0) {
+                ++k;
+                continue;
+            }
+            if (!emit(ip + k, nd[k].selLen, static_cast<Ozr32u>(nd[k].selOff))) return nullptr;
+            k += nd[k].selLen;
+        }
+        if (forcedAt != nullptr) {
+            if (!emit(forcedAt, forcedLen, forcedOff)) return nullptr;
+            return forcedAt + forcedLen;
+        }
+        return ip + end;
+    }
+
+    // The final literal run: everything from the anchor, or as much as fits.
+    void lastLiterals() {
+        size_t n = static_cast<size_t>(srcEnd_ - anchor_);
+        const size_t room = static_cast<size_t>(dstEnd_ - op_);
+        auto size = [](size_t k) { return 1 + k + (k >= 15 ? (k - 15) / 255 + 1 : 0); };
+        if (size(n) > room) {
+            n = room - 1;
+            while (n > 0 && size(n) > room) --n;
+        }
+        Ozr8u* op = op_;
+        if (n >= kRunMask) {
+            *op++ = static_cast<Ozr8u>(kRunMask << 4);
+            op = writeLength(op, n - kRunMask);
+        } else {
+            *op++ = static_cast<Ozr8u>(n << 4);
+        }
+        copyExact(op, anchor_, n);
+        op_ = op + n;
+        lastLits_ = static_cast<int>(n);
+    }
+
+    const Ozr8u* const base_;
+    const Ozr8u* const src_;
+    const Ozr8u* const srcEnd_;
+    const Ozr8u* const matchLimit_;
+    const Ozr8u* const mflimit_;
+    Ozr8u* const dst_;
+    Ozr8u* op_;
+    Ozr8u* const dstEnd_;
+    const Level lv_;
+    const Ozr8u* anchor_ = src_;
+    Ozr32u* heads_;
+    Ozr16u* chain_;
+    Node* nodes_;
+    Ozr32u lowIdx_;
+    Ozr32u nextToUpdate_;
+    bool full_ = false;
+    int lastLits_ = 0;
+};
+
+}  // namespace
+}  // namespace m7::lz4
+
+using namespace m7::lz4;
+
+extern "C" {
+
+OzrResult m7_ozrsEncodeLZ4HCHashTableGetSize_8u(int* pHashTableSize) {
+    OZR_CHECK_NULL(pHashTableSize);
+    *pHashTableSize = kHCTableBytes;
+    return ozrOk;
+}
+
+OzrResult m7_ozrsEncodeLZ4HCHashTableInit_8u(Ozr8u* pHashTable) {
+    OZR_CHECK_NULL(pHashTable);
+    m7_ownsZero_8u(pHashTable, static_cast<size_t>(kHCTableBytes));
+    return ozrOk;
+}
+
+OzrResult m7_ozrsEncodeLZ4HCDictLimit_8u(const Ozr8u* pSrc, int srcIdx, int* pSrcLen, Ozr8u* pDst, int* pDstLen,
+                                         Ozr8u* pHashTable, int dictLimit, int level) {
+    OZR_CHECK_NULL(pSrc, pSrcLen, pDst, pDstLen, pHashTable);
+    OZR_CHECK_POSITIVE(*pSrcLen);
+    OZR_CHECK_POSITIVE(*pDstLen);
+    if (srcIdx < 0 || dictLimit < 0 || dictLimit > srcIdx) return ozrErrSize;
+    if (level < 0 || level > 12) return ozrErrBadArgument;
+    const Level& lv = kLevels[level == 0 ? kDefaultLevel : level];
+    HCEncoder enc(pSrc, srcIdx, *pSrcLen, pDst, *pDstLen, pHashTable, dictLimit, lv);
+    int written = 0;
+    const int covered = enc.run(&written);
+    const bool whole = covered == *pSrcLen;
+    *pSrcLen = covered;
+    *pDstLen = written;
+    return whole ? ozrOk : ozrWarnDstSizeLess;
+}
+
+OzrResult m7_ozrsEncodeLZ4HC_8u(const Ozr8u* pSrc, int* pSrcLen, Ozr8u* pDst, int* pDstLen, Ozr8u* pHashTable,
+                                int level) {
+    OZR_CHECK_NULL(pSrc, pSrcLen, pDst, pDstLen, pHashTable);
+    OZR_CHECK_POSITIVE(*pSrcLen);
+    OZR_CHECK_POSITIVE(*pDstLen);
+    if (level < 0 || level > 12) return ozrErrBadArgument;
+    return m7_ozrsEncodeLZ4HCDictLimit_8u(pSrc, 0, pSrcLen, pDst, pDstLen, pHashTable, 0, level);
+}
+
+}  // extern "C"
