@@ -113,7 +113,7 @@ public:
         if (__builtin_expect(op_ != start_, 1) && len <= 18 && size_t(end_ - op_) >= 40 &&
             size_t(inEnd - p) >= len + 16) {
             const bool inDistance = len <= 3;
-            op_[-2] = Ozr8u(op_[-2] | (inDistance ? len : 0));
+            op_[-2] = Ozr8u(countByte_ | (inDistance ? len : 0));
             op_[0] = Ozr8u(len - 3);
             op_ += inDistance ? 0 : 1;
             copy16(op_, p);
@@ -131,7 +131,7 @@ public:
             }
         } else if (len <= 3) {
             if (!room(len)) return false;
-            op_[-2] = Ozr8u(op_[-2] | len);
+            op_[-2] = Ozr8u(countByte_ | len);
         } else if (len <= 18) {
             if (!room(1 + len)) return false;
             *op_++ = Ozr8u(len - 3);
@@ -158,13 +158,15 @@ public:
             const Ozr32u code = far ? Ozr32u(16 | ((d & 0x4000) >> 11)) : 32u;
             const Ozr32u m34 = Ozr32u(code | (len - 2) | ((d & 0x3FFF) << 10));
             const bool short2 = len <= 8 && dist <= kM2MaxDistance;
-            store4(op_, short2 ? m2 : m34);
+            const Ozr32u v = short2 ? m2 : m34;
+            store4(op_, v);
+            countByte_ = Ozr8u(short2 ? v : v >> 8);
             op_ += short2 ? 2 : 3;
             return true;
         }
         if (len <= 8 && dist <= kM2MaxDistance) {
             if (!room(2)) return false;
-            op_[0] = Ozr8u(((len - 1) << 5) | ((d1 & 7) << 2));
+            op_[0] = countByte_ = Ozr8u(((len - 1) << 5) | ((d1 & 7) << 2));
             op_[1] = Ozr8u(d1 >> 3);
             op_ += 2;
             return true;
@@ -188,7 +190,7 @@ public:
             *op_++ = code;
             extension(rest);
         }
-        op_[0] = Ozr8u(d << 2);
+        op_[0] = countByte_ = Ozr8u(d << 2);
         op_[1] = Ozr8u(d >> 6);
         op_ += 2;
         return true;
@@ -248,6 +250,10 @@ private:
     Ozr8u* op_;
     Ozr8u* const start_;
     Ozr8u* const end_;
+    // The byte that carries the count of the literals after the last match (op_[-2]
+    // right behind it), kept so that a following short run is one store, not a
+    // read-modify-write of memory just written.
+    Ozr8u countByte_ = 0;
 };
 
 // The default coder over one stream (no end marker). The dictionary holds, per hash,
@@ -321,7 +327,10 @@ inline void clearTable(Ozr16u* table) {
 // positions are probed per round, in order: the second reads the table after the first
 // wrote it, so equal hashes find the first position as a sequential probe would; when
 // the first position matches, the second's entry is put back to what it held, as if it
-// had never been probed.
+// had never been probed. The position right behind a match is probed before that
+// match's instructions are written, and its 4-byte word is taken from the words the
+// match length was measured with: the table and candidate loads of the next probe then
+// overlap the writing instead of following it.
 template <bool Bounded>
 bool encodeFast(const Ozr8u* const in, size_t n, Writer<Bounded>& out, Ozr16u* table) {
     const Ozr8u* const inEnd = in + n;
@@ -380,15 +389,41 @@ bool encodeFast(const Ozr8u* const in, size_t n, Writer<Bounded>& out, Ozr16u* t
                 i += step;
             }
         found:
-            {
+            for (;;) {
+                // The match at `at`; its first four bytes agree with the candidate's.
                 const Ozr8u* const ip = base + at;
-                const size_t len = 4 + matchLength(base + cand + 4, ip + 4, base + segLen);
+                const Ozr64u v1 = load8(ip + 4), v2 = load8(ip + 8);
+                const Ozr64u x = load8(base + cand + 4) ^ v1;
+                size_t len;
+                Ozr32u w;
+                if (__builtin_expect(x != 0, 1)) {
+                    const unsigned bit = lowestBit(x);
+                    len = 4 + (bit >> 3);
+                    w = Ozr32u((bit < 32 ? v1 : v2) >> (bit & 24));
+                } else {
+                    len = 12 + matchLength(base + cand + 12, ip + 12, base + segLen);
+                    w = at + len < limit ? load4(ip + len) : 0;
+                }
+                // Probe the position behind the match before writing the instructions,
+                // so that its loads are under way meanwhile. Past the search limit the
+                // probe is void; its table store is then harmless (the segment is done).
+                i = at + len;
+                const size_t h = hashFast(w);
+                const size_t c = table[h];
+                table[h] = Ozr16u(i);
+                const bool hit = load4(base + c) == w;
                 if (!out.literals(ii, size_t(ip - ii), inEnd)) return false;
                 if (!out.match(len, at - cand)) return false;
-                i = at + len;
                 ii = base + i;
-                missed = 0;
-                if (i >= limit) break;
+                if (i >= limit) goto segmentDone;
+                if (hit) {
+                    at = i;
+                    cand = c;
+                    continue;
+                }
+                i += 1;
+                missed = 1;
+                break;
             }
         }
     segmentDone:
