@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <lzo/lzo1x.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -500,6 +501,89 @@ TEST(LzoEncode, CompressesLikeLiblzo) {
     EXPECT_LT(ours, in.size() / 2);
     EXPECT_LT(fast, in.size() / 2);
     EXPECT_LT(ours, ref * 13 / 10) << "default coder far behind lzo1x_1";
+}
+
+// A match as it appears in a stream: output position, length, distance.
+struct Match {
+    size_t pos, len, dist;
+    bool operator==(const Match& o) const { return pos == o.pos && len == o.len && dist == o.dist; }
+};
+
+// The matches of one of our streams, read instruction by instruction (our coders write
+// literal runs, M2, M3 and M4 only).
+std::vector<Match> streamMatches(const Bytes& s) {
+    std::vector<Match> m;
+    size_t p = 0, pos = 0, state = 0;
+    auto extended = [&](size_t base) {
+        size_t n = 0;
+        while (s[p] == 0) n += 255, ++p;
+        return base + n + s[p++];
+    };
+    if (s[0] >= 18) pos += s[0] - 17, p = 1 + (s[0] - 17), state = 4;
+    while (p < s.size()) {
+        const size_t t = s[p++];
+        if (t < 16) {
+            EXPECT_EQ(state, 0u) << "M1 match or two literal runs in a row at " << p;
+            const size_t len = t == 0 ? extended(18) : t + 3;
+            pos += len, p += len, state = 4;
+            continue;
+        }
+        size_t len, dist, d;
+        if (t >= 64) {
+            len = (t >> 5) + 1, dist = ((t >> 2) & 7) + 8 * size_t(s[p++]) + 1, state = t & 3;
+        } else {
+            len = t >= 32 ? ((t & 31) ? (t & 31) + 2 : extended(33)) : ((t & 7) ? (t & 7) + 2 : extended(9));
+            d = s[p] | size_t(s[p + 1]) << 8;
+            p += 2;
+            dist = t >= 32 ? (d >> 2) + 1 : 16384 + ((t & 8) << 11) + (d >> 2);
+            if (dist == 16384) break;  // end marker
+            state = d & 3;
+        }
+        m.push_back({pos, len, dist});
+        pos += len + state, p += state;
+    }
+    return m;
+}
+
+// The fast coder's search written plainly, one position at a time: what its matches
+// must be, however the coder arranges its probes.
+std::vector<Match> fastMatchesReference(const Bytes& in) {
+    std::vector<Match> m;
+    std::vector<Ozr16u> table(16384);
+    const size_t n = in.size();
+    for (size_t seg = 0; n - seg > 20; seg += 49152) {
+        const size_t segLen = std::min<size_t>(49152, n - seg);
+        std::fill(table.begin(), table.end(), 0);
+        size_t c = 0;
+        for (size_t i = 0; i < segLen - 20;) {
+            Ozr32u w;
+            std::memcpy(&w, &in[seg + i], 4);
+            const size_t h = Ozr32u(w * 0x1824429Du) >> 18, cand = table[h];
+            table[h] = Ozr16u(i);
+            if (cand < i && std::memcmp(&in[seg + cand], &in[seg + i], 4) == 0) {
+                size_t len = 4;
+                while (i + len < segLen && in[seg + cand + len] == in[seg + i + len]) ++len;
+                m.push_back({seg + i, len, i - cand});
+                i += len;
+                c = 0;
+            } else {
+                const size_t step = (c >> 5) + 1;
+                c += step;
+                i += step;
+            }
+        }
+        if (seg + segLen == n) break;
+    }
+    return m;
+}
+
+TEST(LzoEncode, FastCoderMatchesEqualAPlainSequentialSearch) {
+    for (const auto& s : samples()) {
+        if (s.data.size() <= 20) continue;
+        const auto got = streamMatches(encode(s.data, 2)), want = fastMatchesReference(s.data);
+        ASSERT_EQ(got.size(), want.size()) << s.name;
+        for (size_t k = 0; k < got.size(); ++k) ASSERT_TRUE(got[k] == want[k]) << s.name << " match " << k;
+    }
 }
 
 TEST(LzoEncode, FewBytesAreOneLiteralRunAndTheEndMarker) {

@@ -58,18 +58,17 @@ constexpr RandRows randVec = makeRandVec();
 inline size_t hashDefault(const Ozr8u* p) {
     return (randVec.v[p[0]] ^ randVec.v[256 + p[1]] ^ randVec.v[512 + p[2]] ^ randVec.v[768 + p[3]]) & 0x3FFF;
 }
-// Fast coder: multiplicative hash of the 32-bit word, top 14 bits. Reads 4 bytes at p,
-// which may lie in a segment's unsearched tail but always inside the input.
-inline size_t hashFast(const Ozr8u* p) {
-    Ozr32u w;
-    __builtin_memcpy(&w, p, 4);
-    return Ozr32u(w * kFastMultiplier) >> 18;
-}
+// Fast coder: multiplicative hash of the 32-bit little-endian word, top 14 bits.
+inline size_t hashFast(Ozr32u w) { return Ozr32u(w * kFastMultiplier) >> 18; }
 inline size_t secondarySlot(size_t h) { return (h & 0x7FF) ^ 0x201F; }
 
 inline Ozr32u load4(const Ozr8u* p) { Ozr32u v; __builtin_memcpy(&v, p, 4); return v; }
 inline Ozr64u load8(const Ozr8u* p) { Ozr64u v; __builtin_memcpy(&v, p, 8); return v; }
 inline void store8(Ozr8u* p, Ozr64u v) { __builtin_memcpy(p, &v, 8); }
+inline void store4(Ozr8u* p, Ozr32u v) { __builtin_memcpy(p, &v, 4); }
+inline void copy16(Ozr8u* d, const Ozr8u* s) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)));
+}
 
 // Worst-case output for n input bytes, end marker included: literal-run headers cost
 // at most one byte in 16 beyond what the matches save.
@@ -102,11 +101,28 @@ inline size_t matchLength(const Ozr8u* a, const Ozr8u* b, const Ozr8u* bEnd) {
 template <bool Bounded>
 class Writer {
 public:
-    Writer(Ozr8u* start, size_t cap) : op_(start), start_(start), end_(start + cap) {}
+    Writer(Ozr8u* start, size_t cap)
+        : op_(start), start_(start), end_(start + cap), fastSpan_(cap > 41 ? cap - 41 : 0) {}
     size_t written() const { return size_t(op_ - start_); }
 
-    // A literal run of len >= 1 bytes from p; inEnd bounds the source for wide copies.
+    // A literal run of len >= 0 bytes from p; inEnd bounds the source for wide copies.
     __attribute__((always_inline)) bool literals(const Ozr8u* p, size_t len, const Ozr8u* inEnd) {
+        // Hot case, a short run after a match with room for whole 16-byte moves on both
+        // sides: no branch on the run's form. A run of 1..3 goes into the low bits of the
+        // match's distance byte (the header byte written at op is then overwritten by
+        // the literals), 4..18 takes a header byte of len - 3.
+        if (__builtin_expect(op_ != start_, 1) && len <= 18 && size_t(end_ - op_) >= 40 &&
+            size_t(inEnd - p) >= len + 16) {
+            const bool inDistance = len <= 3;
+            op_[-2] = Ozr8u(countByte_ | (inDistance ? len : 0));
+            op_[0] = Ozr8u(len - 3);
+            op_ += inDistance ? 0 : 1;
+            copy16(op_, p);
+            if (len > 16) copy16(op_ + 16, p + 16);
+            op_ += len;
+            return true;
+        }
+        if (len == 0) return true;
         if (op_ == start_) {
             if (len <= 238 && len != 68) {
                 if (!room(1 + len)) return false;
@@ -116,7 +132,7 @@ public:
             }
         } else if (len <= 3) {
             if (!room(len)) return false;
-            op_[-2] = Ozr8u(op_[-2] | len);
+            op_[-2] = Ozr8u(countByte_ | len);
         } else if (len <= 18) {
             if (!room(1 + len)) return false;
             *op_++ = Ozr8u(len - 3);
@@ -129,25 +145,42 @@ public:
 
     // A match of len >= 3 bytes at distance 1..49151 (len >= 4 beyond 2048).
     __attribute__((always_inline)) bool match(size_t len, size_t dist) {
+        const size_t d1 = dist - 1;
+        const bool far = dist > kM3MaxDistance;
+        const size_t shortMax = far ? 9 : 33;
+        if (__builtin_expect(len <= shortMax, 1) && size_t(end_ - op_) >= 4) {
+            // Both forms are built and one is picked without a branch: M2 (2 bytes:
+            // length - 1 and the low 3 distance bits, then distance >> 3) or M3/M4 (the
+            // code byte with length - 2, then the 14 distance bits shifted left by 2 as a
+            // little-endian word). One 4-byte store; the extra bytes are overwritten by
+            // the next instruction (room for 4 is checked).
+            const Ozr32u m2 = Ozr32u(((len - 1) << 5) | ((d1 & 7) << 2) | ((d1 >> 3) << 8));
+            const size_t d = far ? dist - kM3MaxDistance : d1;
+            const Ozr32u code = far ? Ozr32u(16 | ((d & 0x4000) >> 11)) : 32u;
+            const Ozr32u m34 = Ozr32u(code | (len - 2) | ((d & 0x3FFF) << 10));
+            const bool short2 = len <= 8 && dist <= kM2MaxDistance;
+            const Ozr32u v = short2 ? m2 : m34;
+            store4(op_, v);
+            countByte_ = Ozr8u(short2 ? v : v >> 8);
+            op_ += short2 ? 2 : 3;
+            return true;
+        }
         if (len <= 8 && dist <= kM2MaxDistance) {
             if (!room(2)) return false;
-            size_t d = dist - 1;
-            op_[0] = Ozr8u(((len - 1) << 5) | ((d & 7) << 2));
-            op_[1] = Ozr8u(d >> 3);
+            op_[0] = countByte_ = Ozr8u(((len - 1) << 5) | ((d1 & 7) << 2));
+            op_[1] = Ozr8u(d1 >> 3);
             op_ += 2;
             return true;
         }
-        size_t d, shortMax;
+        size_t d;
         Ozr8u code;
-        if (dist <= kM3MaxDistance) {
-            d = dist - 1;
+        if (!far) {
+            d = d1;
             code = 32;
-            shortMax = 33;
         } else {
-            d = dist - 16384;
+            d = dist - kM3MaxDistance;
             code = Ozr8u(16 | ((d & 0x4000) >> 11));
             d &= 0x3FFF;
-            shortMax = 9;
         }
         if (len <= shortMax) {
             if (!room(3)) return false;
@@ -158,10 +191,50 @@ public:
             *op_++ = code;
             extension(rest);
         }
-        op_[0] = Ozr8u(d << 2);
+        op_[0] = countByte_ = Ozr8u(d << 2);
         op_[1] = Ozr8u(d >> 6);
         op_ += 2;
         return true;
+    }
+
+    // A literal run of lit >= 0 bytes from p followed by a match (as `match`). The
+    // common case (not the stream's first run, a run of at most 18, a match in its
+    // short form, room for 40 bytes behind op_ and 32 readable bytes at p) is written
+    // here in one piece, with whole 16-byte literal moves and one branch on the form.
+    __attribute__((always_inline)) bool runAndMatch(const Ozr8u* p, size_t lit, size_t len, size_t dist,
+                                                    const Ozr8u* inEnd) {
+        if (__builtin_expect(size_t(op_ - start_ - 1) < fastSpan_ && lit <= 18 && size_t(inEnd - p) >= 32 &&
+                                 (len <= 9 || (len <= 33 && dist <= kM3MaxDistance)),
+                             1)) {
+            const size_t inDistance = size_t(0) - size_t(lit <= 3);  // all ones or zero
+            Ozr8u* op = op_;
+            op[-2] = Ozr8u(countByte_ | (lit & inDistance));
+            op[0] = Ozr8u(lit - 3);
+            op += 1 + inDistance;
+            copy16(op, p);
+            if (lit > 16) copy16(op + 16, p + 16);
+            op += lit;
+            const size_t d1 = dist - 1;
+            if (len <= 8 && dist <= kM2MaxDistance) {
+                const Ozr8u b0 = Ozr8u(((len - 1) << 5) | ((d1 & 7) << 2));
+                op[0] = b0;
+                op[1] = Ozr8u(d1 >> 3);
+                countByte_ = b0;
+                op += 2;
+            } else if (dist <= kM3MaxDistance) {
+                store4(op, Ozr32u(32 | (len - 2) | (d1 << 10)));
+                countByte_ = Ozr8u(d1 << 2);
+                op += 3;
+            } else {
+                const size_t d = dist - kM3MaxDistance;
+                store4(op, Ozr32u(16 | ((d >> 11) & 8) | (len - 2) | ((d & 0x3FFF) << 10)));
+                countByte_ = Ozr8u(d << 2);
+                op += 3;
+            }
+            op_ = op;
+            return true;
+        }
+        return literals(p, lit, inEnd) && match(len, dist);
     }
 
     bool endMarker() {
@@ -218,6 +291,11 @@ private:
     Ozr8u* op_;
     Ozr8u* const start_;
     Ozr8u* const end_;
+    // The byte that carries the count of the literals after the last match (op_[-2]
+    // right behind it), kept so that a following short run is one store, not a
+    // read-modify-write of memory just written.
+    Ozr8u countByte_ = 0;
+    const size_t fastSpan_;  // runAndMatch's fast path: 1 <= op_ - start_ <= cap - 41
 };
 
 // The default coder over one stream (no end marker). The dictionary holds, per hash,
@@ -255,8 +333,7 @@ bool encodeDefault(const Ozr8u* const in, size_t n, Writer<Bounded>& out, Ozr64u
                 else if ((x & 0xFFFFFF) == 0)
                     len = 3;  // only at M2 distances: far candidates agree in 4 bytes
                 if (len != 0) {
-                    if (ip > ii && !out.literals(ii, size_t(ip - ii), inEnd)) return false;
-                    if (!out.match(len, dist)) return false;
+                    if (!out.runAndMatch(ii, size_t(ip - ii), len, dist, inEnd)) return false;
                     ip += len;
                     ii = ip;
                     continue;
@@ -268,47 +345,131 @@ bool encodeDefault(const Ozr8u* const in, size_t n, Writer<Bounded>& out, Ozr64u
     return ii == inEnd || out.literals(ii, size_t(inEnd - ii), inEnd);
 }
 
+// Clears the fast coder's table (16384 16-bit entries) with 16-byte stores, four per
+// round.
+inline void clearTable(Ozr16u* table) {
+    const __m128i z = _mm_setzero_si128();
+    auto* t = reinterpret_cast<__m128i*>(table);
+    for (size_t k = 0; k < kDictEntries * sizeof(Ozr16u) / 16; k += 4) {
+        _mm_storeu_si128(t + k, z);
+        _mm_storeu_si128(t + k + 1, z);
+        _mm_storeu_si128(t + k + 2, z);
+        _mm_storeu_si128(t + k + 3, z);
+    }
+}
+
 // The fast coder over one stream (no end marker): 49152-byte segments, each with a
 // fresh table of 16-bit positions relative to the segment start (the first 32 KiB of
 // the dictionary area), a multiplicative hash of the 32-bit word, and a step that grows
 // with every miss since the last match.
+//
+// Positions are indices into the segment, so a table entry is used and stored as it
+// stands. While the step is still 1 (fewer than 32 misses since the last match) two
+// positions are probed per round, in order: the second reads the table after the first
+// wrote it, so equal hashes find the first position as a sequential probe would; when
+// the first position matches, the second's entry is put back to what it held, as if it
+// had never been probed. The position right behind a match is probed before that
+// match's instructions are written, and its 4-byte word is taken from the words the
+// match length was measured with: the table and candidate loads of the next probe then
+// overlap the writing instead of following it.
 template <bool Bounded>
 bool encodeFast(const Ozr8u* const in, size_t n, Writer<Bounded>& out, Ozr16u* table) {
     const Ozr8u* const inEnd = in + n;
     const Ozr8u* ii = in;
     for (size_t seg = 0; n - seg > kFastTail; seg += kSegment) {
         const Ozr8u* const base = in + seg;
-        const Ozr8u* const segEnd = n - seg > kSegment ? base + kSegment : inEnd;
-        const Ozr8u* const limit = segEnd - kFastTail;
-        m7_ownsZero_8u(reinterpret_cast<Ozr8u*>(table), kDictEntries * sizeof(Ozr16u));
+        const size_t segLen = n - seg > kSegment ? kSegment : n - seg;
+        const size_t limit = segLen - kFastTail;
+        clearTable(table);
         // The segment's first position finds only itself (every entry is 0): a miss
         // whose table store changes nothing. From here on every entry names an earlier
         // position, so a candidate never needs a distance test.
-        const Ozr8u* ip = base + 1;
+        size_t i = 1;
         size_t missed = 1;
-        size_t h = hashFast(ip);
-        while (ip < limit) {
-            const Ozr8u* const cand = base + table[h];
-            table[h] = Ozr16u(ip - base);
-            const Ozr32u w = load4(ip);
-            if (load4(cand) == w) {
-                size_t len = 4 + matchLength(cand + 4, ip + 4, segEnd);
-                if (ip > ii && !out.literals(ii, size_t(ip - ii), inEnd)) return false;
-                if (!out.match(len, size_t(ip - cand))) return false;
-                ip += len;
-                ii = ip;
-                missed = 0;
-            } else {
-                size_t step = (missed >> 5) + 1;
-                missed += step;
-                ip += step;
+        for (;;) {
+            size_t at, cand;
+            // Two positions per round while both are probed with step 1, i.e. while
+            // missed <= 30; i - missed is constant meanwhile.
+            const size_t pairEnd = i - missed + 31 < limit - 1 ? i - missed + 31 : limit - 1;
+            while (i < pairEnd) {
+                const Ozr64u w8 = load8(base + i);
+                const Ozr32u w0 = Ozr32u(w8), w1 = Ozr32u(w8 >> 8);
+                const size_t h0 = hashFast(w0), h1 = hashFast(w1);
+                const size_t c0 = table[h0];
+                table[h0] = Ozr16u(i);
+                const size_t c1 = table[h1];
+                table[h1] = Ozr16u(i + 1);
+                if (load4(base + c0) == w0) {
+                    table[h1] = Ozr16u(c1);
+                    at = i;
+                    cand = c0;
+                    goto found;
+                }
+                if (load4(base + c1) == w1) {
+                    at = i + 1;
+                    cand = c1;
+                    goto found;
+                }
+                i += 2;
+                missed += 2;
             }
-            if (ip >= limit) break;
-            h = hashFast(ip);  // computed before the next table read: overlaps the compare
+            // One position per round, with the growing step.
+            for (;;) {
+                if (i >= limit) goto segmentDone;
+                const Ozr32u w = load4(base + i);
+                const size_t h = hashFast(w);
+                const size_t c = table[h];
+                table[h] = Ozr16u(i);
+                if (load4(base + c) == w) {
+                    at = i;
+                    cand = c;
+                    goto found;
+                }
+                const size_t step = (missed >> 5) + 1;
+                missed += step;
+                i += step;
+            }
+        found:
+            for (;;) {
+                // The match at `at`; its first four bytes agree with the candidate's.
+                const Ozr8u* const ip = base + at;
+                const Ozr64u v1 = load8(ip + 4), v2 = load8(ip + 8);
+                const Ozr64u x = load8(base + cand + 4) ^ v1;
+                size_t len;
+                Ozr32u w;
+                if (__builtin_expect(x != 0, 1)) {
+                    const unsigned bit = lowestBit(x);
+                    len = 4 + (bit >> 3);
+                    w = Ozr32u((bit < 32 ? v1 : v2) >> (bit & 24));
+                } else {
+                    len = 12 + matchLength(base + cand + 12, ip + 12, base + segLen);
+                    w = at + len < limit ? load4(ip + len) : 0;
+                }
+                // Probe the position behind the match before writing the instructions,
+                // so that its loads are under way meanwhile. Past the search limit the
+                // probe is void; its table store is then harmless (the segment is done).
+                i = at + len;
+                const size_t h = hashFast(w);
+                const size_t c = table[h];
+                table[h] = Ozr16u(i);
+                const bool hit = load4(base + c) == w;
+                if (!out.runAndMatch(ii, size_t(ip - ii), len, at - cand, inEnd)) return false;
+                ii = base + i;
+                if (i >= limit) goto segmentDone;
+                if (hit) {
+                    at = i;
+                    cand = c;
+                    continue;
+                }
+                i += 1;
+                missed = 1;
+                break;
+            }
         }
-        if (segEnd == inEnd) break;
+    segmentDone:
+        if (base + segLen == inEnd) break;
     }
-    return ii == inEnd || out.literals(ii, size_t(inEnd - ii), inEnd);
+    return out.literals(ii, size_t(inEnd - ii), inEnd);
 }
 
 enum class Coder { Default, Fast };
