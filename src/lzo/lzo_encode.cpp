@@ -74,20 +74,12 @@ inline void copy16(Ozr8u* d, const Ozr8u* s) {
 // at most one byte in 16 beyond what the matches save.
 inline size_t worstCase(size_t n) { return n + n / 16 + 64 + 3; }
 
-// Index of the lowest set bit of x != 0. Written as BSF: the compiler's own count
-// (rep bsf) decodes as TZCNT, an instruction this SSE3 build may not contain.
-inline unsigned lowestBit(Ozr64u x) {
-    Ozr64u r;
-    __asm__("bsfq %1, %0" : "=r"(r) : "rm"(x) : "cc");
-    return unsigned(r);
-}
-
 // Number of bytes that match from a and b onwards, stopping at bEnd (b < bEnd, a < b).
 inline size_t matchLength(const Ozr8u* a, const Ozr8u* b, const Ozr8u* bEnd) {
     const Ozr8u* const b0 = b;
     while (b + 8 <= bEnd) {
         Ozr64u x = load8(a) ^ load8(b);
-        if (x != 0) return size_t(b - b0) + size_t(lowestBit(x) >> 3);
+        if (x != 0) return size_t(b - b0) + size_t(m7::trailingZeros64(x) >> 3);
         a += 8;
         b += 8;
     }
@@ -438,7 +430,7 @@ bool encodeFast(const Ozr8u* const in, size_t n, Writer<Bounded>& out, Ozr16u* t
                 size_t len;
                 Ozr32u w;
                 if (__builtin_expect(x != 0, 1)) {
-                    const unsigned bit = lowestBit(x);
+                    const unsigned bit = m7::trailingZeros64(x);
                     len = 4 + (bit >> 3);
                     w = Ozr32u((bit < 32 ? v1 : v2) >> (bit & 24));
                 } else {
