@@ -107,6 +107,37 @@ TEST(Tables, SlicingRuleMatchesBitwiseContributionOfByteWithTrailingZeros) {
         }
 }
 
+// A partial sum moved over the rest of a round: sub-table k, entry i, of the
+// "over N zero bytes" tables is the register holding only byte i at position k after
+// N zero bytes, bit by bit. Covers the distances the kernel joins lanes and rounds by.
+template <int N>
+void expectAdvanceIsBitwisePassOverZeros(const Ozr32u* T0, int kind) {
+    using namespace m7::crc;
+    static constexpr Ozr8u zeros[128] = {};
+    const auto z = makeAdvance<N>(T0);
+    for (int k = 0; k < 4; ++k)
+        for (Ozr32u i = 0; i < 256; ++i) {
+            const Ozr32u r = i << (8 * k);
+            const Ozr32u want = kind == 0   ? refReflected(kPolyCRC32, r, zeros, N)
+                                : kind == 1 ? refReflected(kPolyCRC32C, r, zeros, N)
+                                            : byteSwap(~refBZ2(~byteSwap(r), zeros, N));
+            ASSERT_EQ(z.v[256 * k + i], want) << "N=" << N << " k=" << k << " i=" << i;
+        }
+}
+
+TEST(Tables, AdvanceTablesAreTheBitwisePassOverZeroBytes) {
+    using namespace m7::crc;
+    const auto crc32 = makeTables<1, false>(kPolyCRC32);
+    const auto crc32c = makeTables<1, false>(kPolyCRC32C);
+    const auto bz2 = makeTables<1, true>(kPolyBZ2);
+    expectAdvanceIsBitwisePassOverZeros<40>(crc32.v, 0);
+    expectAdvanceIsBitwisePassOverZeros<80>(crc32.v, 0);
+    expectAdvanceIsBitwisePassOverZeros<20>(crc32c.v, 1);
+    expectAdvanceIsBitwisePassOverZeros<80>(crc32c.v, 1);
+    expectAdvanceIsBitwisePassOverZeros<32>(bz2.v, 2);
+    expectAdvanceIsBitwisePassOverZeros<64>(bz2.v, 2);
+}
+
 // ---- Check values -----------------------------------------------------------------
 
 TEST(CheckValue, NineDigitsGiveTheStandardValues) {

@@ -3,11 +3,10 @@
 // One table-driven kernel serves the three: an aligning prefix of single bytes, a
 // wide loop over aligned words (slicing-by-8 for the two CRC-32s, slicing-by-4 for
 // CRC-32C) and a bytewise tail. Inputs shorter than a per-CRC threshold skip the
-// prefix and the wide loop. The CRCs differ only in tables, thresholds, word step
-// and round size, which are compile-time parameters of the one kernel, and in how the
-// caller's running value is conditioned on entry and exit (done by the entry points).
-#include <emmintrin.h>
-
+// prefix and the wide loop. The CRCs differ only in tables, thresholds, word step,
+// round size and lane count, which are compile-time parameters of the one kernel, and
+// in how the caller's running value is conditioned on entry and exit (done by the
+// entry points).
 #include "checksum.h"
 #include "crc_tables.h"
 
@@ -15,7 +14,6 @@ namespace {
 
 using m7::crc::Tables;
 using m7::crc::makeTables;
-using m7::crc::ShiftOp;
 
 // CRC-32: the one-byte table and its seven slicing extensions, laid out one after
 // the other so that one base register reaches all eight. o32 is T0 ... o88 is T7.
@@ -46,13 +44,6 @@ inline Ozr32u load32(const Ozr8u* p) {
     return w;
 }
 
-// Keeps the compiler from re-associating a balanced xor tree into one serial chain
-// (which would put every lookup on the register's critical path).
-inline Ozr32u keep(Ozr32u x) {
-    __asm__("" : "+r"(x));
-    return x;
-}
-
 // Single bytes with the one-byte table, two per loop turn.
 inline Ozr32u bytewise(const Ozr32u* T0, Ozr32u reg, const Ozr8u* p, size_t n) {
     for (; n >= 2; n -= 2, p += 2) {
@@ -63,108 +54,118 @@ inline Ozr32u bytewise(const Ozr32u* T0, Ozr32u reg, const Ozr8u* p, size_t n) {
     return reg;
 }
 
-// Entry i of slicing table k. The index is widened before the table offset is
-// added, so that the offset folds into the load's displacement.
-template <int K>
-inline Ozr32u at(const Ozr32u* T, Ozr32u i) {
-    return T[K * 256 + static_cast<size_t>(i)];
+// The four bytes of x, lowest first, index the 256-entry sub-tables that start O0,
+// O1, O2, O3 words after T; the result is the xor of the four entries, xored into r
+// unless Fresh. This is the whole inner loop, so it is spelled out: the bytes come
+// out with movzbl from the low and high byte registers and two shifts that consume
+// x, and each lookup is one xor with a memory operand whose displacement is the
+// sub-table offset (9 instructions). Left to itself the compiler adds a register copy
+// or an offset add per byte, about a third more work. x must sit in a register that
+// has a high-byte name and the index in one that needs no REX prefix (constraints Q
+// and R).
+template <int O0, int O1, int O2, int O3, bool Fresh>
+inline Ozr32u gather4(const Ozr32u* T, Ozr32u x, Ozr32u r) {
+    size_t i;
+#define M7_GATHER4_BODY(first)                       \
+    "movzbl %b[x], %k[i]\n\t"                        \
+    first " %c[o0](%[T],%[i],4), %k[r]\n\t"          \
+    "movzbl %h[x], %k[i]\n\t"                        \
+    "xorl %c[o1](%[T],%[i],4), %k[r]\n\t"            \
+    "shrl $16, %k[x]\n\t"                            \
+    "movzbl %b[x], %k[i]\n\t"                        \
+    "xorl %c[o2](%[T],%[i],4), %k[r]\n\t"            \
+    "shrl $8, %k[x]\n\t"                             \
+    "xorl %c[o3](%[T],%q[x],4), %k[r]"
+#define M7_GATHER4_IN \
+    [T] "r"(T), [o0] "i"(4 * O0), [o1] "i"(4 * O1), [o2] "i"(4 * O2), [o3] "i"(4 * O3), "m"(*T)
+    if constexpr (Fresh)
+        __asm__(M7_GATHER4_BODY("movl") : [r] "=&r"(r), [x] "+Q"(x), [i] "=&R"(i) : M7_GATHER4_IN : "cc");
+    else
+        __asm__(M7_GATHER4_BODY("xorl") : [r] "+r"(r), [x] "+Q"(x), [i] "=&R"(i) : M7_GATHER4_IN : "cc");
+#undef M7_GATHER4_BODY
+#undef M7_GATHER4_IN
+    return r;
 }
 
 // Slicing-by-8: one 8-byte word, read as two little-endian halves. The register
 // meets the low half; its bytes, lowest first, index T7..T4 and the high half's
-// bytes index T3..T0. The high half does not depend on the register: its four
-// lookups are summed apart.
-inline Ozr32u slice8(const Ozr32u* T, Ozr32u reg, Ozr32u lo, Ozr32u hi) {
-    lo ^= reg;
-    const Ozr32u h = keep(keep(at<3>(T, hi & 0xFF) ^ at<2>(T, (hi >> 8) & 0xFF)) ^
-                          keep(at<1>(T, (hi >> 16) & 0xFF) ^ at<0>(T, hi >> 24)));
-    const Ozr32u l = keep(at<7>(T, lo & 0xFF) ^ at<6>(T, (lo >> 8) & 0xFF)) ^
-                     keep(at<5>(T, (lo >> 16) & 0xFF) ^ at<4>(T, lo >> 24));
-    return l ^ h;
+// bytes index T3..T0. The high half does not depend on the register, so its
+// lookups go first and only the low half's wait for the previous word.
+inline Ozr32u slice8(const Ozr32u* T, Ozr32u reg, const Ozr8u* p) {
+    const Ozr32u h = gather4<3 * 256, 2 * 256, 1 * 256, 0, true>(T, load32(p + 4), 0);
+    return gather4<7 * 256, 6 * 256, 5 * 256, 4 * 256, false>(T, reg ^ load32(p), h);
 }
 
 // Slicing-by-4: one little-endian 4-byte word; the highest byte has no bytes after
 // it (S0), the lowest has three (S3).
-inline Ozr32u slice4(const Ozr32u* S, Ozr32u reg, Ozr32u w) {
-    const Ozr32u x = reg ^ w;
-    return keep(at<0>(S, x >> 24) ^ at<1>(S, (x >> 16) & 0xFF)) ^ keep(at<2>(S, (x >> 8) & 0xFF) ^ at<3>(S, x & 0xFF));
+inline Ozr32u slice4(const Ozr32u* S, Ozr32u reg, const Ozr8u* p) {
+    return gather4<3 * 256, 2 * 256, 1 * 256, 0, true>(S, reg ^ load32(p), 0);
 }
 
-// Applies a ShiftOp to a register with SSE2: lane t of step j tests bit 4j + t,
-// turns it into an all-ones mask and keeps column 4j + t under it.
-alignas(16) constexpr Ozr32u kBit[32] = {
-    1u << 0,  1u << 1,  1u << 2,  1u << 3,  1u << 4,  1u << 5,  1u << 6,  1u << 7,
-    1u << 8,  1u << 9,  1u << 10, 1u << 11, 1u << 12, 1u << 13, 1u << 14, 1u << 15,
-    1u << 16, 1u << 17, 1u << 18, 1u << 19, 1u << 20, 1u << 21, 1u << 22, 1u << 23,
-    1u << 24, 1u << 25, 1u << 26, 1u << 27, 1u << 28, 1u << 29, 1u << 30, 1u << 31};
-
-inline __m128i ld(const Ozr32u* p) { return _mm_load_si128(reinterpret_cast<const __m128i*>(p)); }
-
-// x advanced by op X, xor y advanced by op Y: two registers, one pass.
-inline Ozr32u shift2(const ShiftOp& X, Ozr32u x, const ShiftOp& Y, Ozr32u y) {
-    const __m128i vx = _mm_set1_epi32(static_cast<int>(x)), vy = _mm_set1_epi32(static_cast<int>(y));
-    __m128i a0 = _mm_setzero_si128(), a1 = _mm_setzero_si128();
-    for (int j = 0; j < 32; j += 4) {
-        const __m128i bit = ld(kBit + j);
-        a0 = _mm_xor_si128(a0, _mm_and_si128(_mm_cmpeq_epi32(_mm_and_si128(vx, bit), bit), ld(X.col + j)));
-        a1 = _mm_xor_si128(a1, _mm_and_si128(_mm_cmpeq_epi32(_mm_and_si128(vy, bit), bit), ld(Y.col + j)));
-    }
-    __m128i a = _mm_xor_si128(a0, a1);
-    a = _mm_xor_si128(a, _mm_shuffle_epi32(a, _MM_SHUFFLE(1, 0, 3, 2)));
-    a = _mm_xor_si128(a, _mm_shuffle_epi32(a, _MM_SHUFFLE(2, 3, 0, 1)));
-    return static_cast<Ozr32u>(_mm_cvtsi128_si32(a));
-}
+// A register passed over N zero bytes (see makeAdvance): sub-table k takes byte k.
+inline Ozr32u advance(const Tables<4>& Z, Ozr32u r) { return gather4<0, 256, 2 * 256, 3 * 256, true>(Z.v, r, 0); }
 
 // The kernel's parameters per CRC. A group is 8 bytes; a round is kRoundGroups
-// groups. Within a round the groups are summed in two independent lanes from a zero
-// register, and the incoming register and the first lane are carried to the end
-// of the round by ShiftOps: the round's table lookups then do not wait on the
-// previous round, only the short ShiftOp step does. The value is the same as
-// passing the groups one after the other, by linearity of the CRC.
+// groups, passed in kStep-byte steps. Within a round the steps are summed in kLanes
+// independent lanes, each over one contiguous stretch and from a zero register; the
+// lanes are joined by moving each partial sum over the stretches after it, and the
+// incoming register is moved over the whole round. By linearity that is the value of
+// passing the steps one after the other, but the lookups of a round no longer wait
+// on the previous round, only the one four-lookup move of the register does.
+// CRC-32C gets more lanes: its 4-byte steps each wait for the one before, so a lane
+// of the same length is twice as deep.
 struct CRC32 {
     static constexpr size_t kThreshold = 15;  // below it: bytewise only
     static constexpr size_t kAlign = 8;       // the wide loop reads aligned 8-byte words
     static constexpr size_t kRoundGroups = 10;
+    static constexpr size_t kStep = 8;
+    static constexpr size_t kLanes = 2;
     static constexpr const Ozr32u* table() { return crc_table_il8.v; }
-    static Ozr32u group(Ozr32u reg, const Ozr8u* p) { return slice8(table(), reg, load32(p), load32(p + 4)); }
+    static Ozr32u step(Ozr32u reg, const Ozr8u* p) { return slice8(table(), reg, p); }
 };
 
 struct CRC32C {
     static constexpr size_t kThreshold = 11;
     static constexpr size_t kAlign = 4;  // 4-byte steps on aligned 4-byte words
     static constexpr size_t kRoundGroups = 10;
+    static constexpr size_t kStep = 4;
+    static constexpr size_t kLanes = 4;
     static constexpr const Ozr32u* table() { return CRC32CTable.v; }
-    static Ozr32u group(Ozr32u reg, const Ozr8u* p) {
-        reg = slice4(table(), reg, load32(p));
-        return slice4(table(), reg, load32(p + 4));
-    }
+    static Ozr32u step(Ozr32u reg, const Ozr8u* p) { return slice4(table(), reg, p); }
 };
 
 struct BZ2 {
     static constexpr size_t kThreshold = 11;
     static constexpr size_t kAlign = 8;
     static constexpr size_t kRoundGroups = 8;  // 64-byte blocks
+    static constexpr size_t kStep = 8;
+    static constexpr size_t kLanes = 2;
     static constexpr const Ozr32u* table() { return crc_table.v; }
-    static Ozr32u group(Ozr32u reg, const Ozr8u* p) { return slice8(table(), reg, load32(p), load32(p + 4)); }
+    static Ozr32u step(Ozr32u reg, const Ozr8u* p) { return slice8(table(), reg, p); }
 };
 
 template <class C>
-struct RoundShifts {
-    static constexpr ShiftOp whole = m7::crc::makeShift(C::table(), int(8 * C::kRoundGroups));
-    static constexpr ShiftOp half = m7::crc::makeShift(C::table(), int(8 * (C::kRoundGroups / 2)));
+struct Round {
+    static constexpr size_t kBytes = 8 * C::kRoundGroups;
+    static constexpr size_t kLaneBytes = kBytes / C::kLanes;
+    static constexpr size_t kLaneSteps = kLaneBytes / C::kStep;
+    static_assert(kLaneBytes * C::kLanes == kBytes && kLaneSteps * C::kStep == kLaneBytes);
+    static constexpr Tables<4> overLane = m7::crc::makeAdvance<int(kLaneBytes)>(C::table());
+    static constexpr Tables<4> overRound = m7::crc::makeAdvance<int(kBytes)>(C::table());
 };
 
 template <class C>
 inline Ozr32u crcRound(Ozr32u reg, const Ozr8u* p) {
-    constexpr size_t half = C::kRoundGroups / 2;
-    static_assert(C::kRoundGroups == 2 * half);
-    Ozr32u a = 0, b = 0;
-#pragma GCC unroll 8
-    for (size_t g = 0; g < half; ++g) {
-        a = C::group(a, p + 8 * g);
-        b = C::group(b, p + 8 * (half + g));
-    }
-    return shift2(RoundShifts<C>::whole, reg, RoundShifts<C>::half, a) ^ b;
+    using R = Round<C>;
+    Ozr32u lane[C::kLanes] = {};
+#pragma GCC unroll 10
+    for (size_t s = 0; s < R::kLaneSteps; ++s)
+#pragma GCC unroll 4
+        for (size_t l = 0; l < C::kLanes; ++l) lane[l] = C::step(lane[l], p + l * R::kLaneBytes + s * C::kStep);
+    Ozr32u joined = lane[0];
+#pragma GCC unroll 4
+    for (size_t l = 1; l < C::kLanes; ++l) joined = advance(R::overLane, joined) ^ lane[l];
+    return advance(R::overRound, reg) ^ joined;
 }
 
 // The register runs through: aligning prefix, rounds of kRoundGroups 8-byte groups,
@@ -181,7 +182,8 @@ inline Ozr32u crcKernel(Ozr32u reg, const Ozr8u* p, size_t n) {
         n %= 8;
         for (; groups >= C::kRoundGroups; groups -= C::kRoundGroups, p += 8 * C::kRoundGroups)
             reg = crcRound<C>(reg, p);
-        for (; groups > 0; --groups, p += 8) reg = C::group(reg, p);
+        for (; groups > 0; --groups, p += 8)
+            for (size_t s = 0; s < 8; s += C::kStep) reg = C::step(reg, p + s);
     }
     return bytewise(T0, reg, p, n);
 }

@@ -61,21 +61,22 @@ constexpr Ozr32u kPolyBZ2 = 0x04C11DB7u;     // MSB-first
 
 namespace m7::crc {
 
-// The linear map "advance the register over `bytes` zero bytes" (the CRC step is
-// linear over GF(2) when the data are zero), as its 32 columns: col[i] is the image
-// of the register 1 << i. Built from the one-byte table T0.
-struct ShiftOp {
-    alignas(16) Ozr32u col[32];
-};
-
-constexpr ShiftOp makeShift(const Ozr32u* T0, int bytes) {
-    ShiftOp m{};
-    for (int i = 0; i < 32; ++i) {
-        Ozr32u r = Ozr32u(1) << i;
-        for (int k = 0; k < bytes; ++k) r = (r >> 8) ^ T0[r & 0xFF];
-        m.col[i] = r;
-    }
-    return m;
+// The map "pass the register over N zero bytes" as four byte tables. With zero data
+// the CRC step is linear over GF(2), so the image of a register is the xor of the
+// images of its four bytes: sub-table k, entry i, is the register holding byte i at
+// byte position k (all other bits clear) after N steps of the one-byte rule. It moves
+// a partial CRC summed from a zero register over the bytes that follow it, in four
+// lookups.
+template <int N>
+constexpr Tables<4> makeAdvance(const Ozr32u* T0) {
+    Tables<4> a{};
+    for (int k = 0; k < 4; ++k)
+        for (Ozr32u i = 0; i < 256; ++i) {
+            Ozr32u r = i << (8 * k);
+            for (int b = 0; b < N; ++b) r = (r >> 8) ^ T0[r & 0xFF];
+            a.v[256 * k + i] = r;
+        }
+    return a;
 }
 
 }  // namespace m7::crc
