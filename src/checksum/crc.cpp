@@ -62,7 +62,8 @@ inline Ozr32u bytewise(const Ozr32u* T0, Ozr32u reg, const Ozr8u* p, size_t n) {
 // sub-table offset (9 instructions). Left to itself the compiler adds a register copy
 // or an offset add per byte, about a third more work. x must sit in a register that
 // has a high-byte name and the index in one that needs no REX prefix (constraints Q
-// and R).
+// and R). The tables are constants that nothing writes, so no memory operand is
+// declared for them.
 template <int O0, int O1, int O2, int O3, bool Fresh>
 inline Ozr32u gather4(const Ozr32u* T, Ozr32u x, Ozr32u r) {
     size_t i;
@@ -77,7 +78,7 @@ inline Ozr32u gather4(const Ozr32u* T, Ozr32u x, Ozr32u r) {
     "shrl $8, %k[x]\n\t"                             \
     "xorl %c[o3](%[T],%q[x],4), %k[r]"
 #define M7_GATHER4_IN \
-    [T] "r"(T), [o0] "i"(4 * O0), [o1] "i"(4 * O1), [o2] "i"(4 * O2), [o3] "i"(4 * O3), "m"(*T)
+    [T] "r"(T), [o0] "i"(4 * O0), [o1] "i"(4 * O1), [o2] "i"(4 * O2), [o3] "i"(4 * O3)
     if constexpr (Fresh)
         __asm__(M7_GATHER4_BODY("movl") : [r] "=&r"(r), [x] "+Q"(x), [i] "=&R"(i) : M7_GATHER4_IN : "cc");
     else
