@@ -149,11 +149,14 @@ TEST(CheckValue, NineDigitsGiveTheStandardValues) {
 
 // ---- Agreement with the peers and the references -------------------------------------
 
-// Lengths 1..300 (every threshold, prefix and round boundary) and a few large ones,
-// each at every start offset 0..15 so that every aligning prefix is taken.
+// Lengths 1..300 (every threshold, prefix and round boundary), every length around
+// the blocks of four rounds that are summed side by side (4 x 64 and 4 x 80 bytes,
+// and twice that, with any single rounds after them), and a few large ones, each at
+// every start offset 0..15 so that every aligning prefix is taken.
 std::vector<size_t> lengths() {
     std::vector<size_t> v;
     for (size_t n = 1; n <= 300; ++n) v.push_back(n);
+    for (size_t n = 301; n <= 760; n += 3) v.push_back(n);
     for (size_t n : {1000u, 4095u, 5536u, 5537u, 5552u, 65536u + 7u, 1u << 20, (1u << 20) + 13u}) v.push_back(n);
     return v;
 }

@@ -62,7 +62,8 @@ inline Ozr32u bytewise(const Ozr32u* T0, Ozr32u reg, const Ozr8u* p, size_t n) {
 // sub-table offset (9 instructions). Left to itself the compiler adds a register copy
 // or an offset add per byte, about a third more work. x must sit in a register that
 // has a high-byte name and the index in one that needs no REX prefix (constraints Q
-// and R).
+// and R). The tables are constants that nothing writes, so no memory operand is
+// declared for them.
 template <int O0, int O1, int O2, int O3, bool Fresh>
 inline Ozr32u gather4(const Ozr32u* T, Ozr32u x, Ozr32u r) {
     size_t i;
@@ -77,7 +78,7 @@ inline Ozr32u gather4(const Ozr32u* T, Ozr32u x, Ozr32u r) {
     "shrl $8, %k[x]\n\t"                             \
     "xorl %c[o3](%[T],%q[x],4), %k[r]"
 #define M7_GATHER4_IN \
-    [T] "r"(T), [o0] "i"(4 * O0), [o1] "i"(4 * O1), [o2] "i"(4 * O2), [o3] "i"(4 * O3), "m"(*T)
+    [T] "r"(T), [o0] "i"(4 * O0), [o1] "i"(4 * O1), [o2] "i"(4 * O2), [o3] "i"(4 * O3)
     if constexpr (Fresh)
         __asm__(M7_GATHER4_BODY("movl") : [r] "=&r"(r), [x] "+Q"(x), [i] "=&R"(i) : M7_GATHER4_IN : "cc");
     else
@@ -106,20 +107,27 @@ inline Ozr32u slice4(const Ozr32u* S, Ozr32u reg, const Ozr8u* p) {
 inline Ozr32u advance(const Tables<4>& Z, Ozr32u r) { return gather4<0, 256, 2 * 256, 3 * 256, true>(Z.v, r, 0); }
 
 // The kernel's parameters per CRC. A group is 8 bytes; a round is kRoundGroups
-// groups, passed in kStep-byte steps. Within a round the steps are summed in kLanes
-// independent lanes, each over one contiguous stretch and from a zero register; the
-// lanes are joined by moving each partial sum over the stretches after it, and the
-// incoming register is moved over the whole round. By linearity that is the value of
-// passing the steps one after the other, but the lookups of a round no longer wait
-// on the previous round, only the one four-lookup move of the register does.
-// CRC-32C gets more lanes: its 4-byte steps each wait for the one before, so a lane
-// of the same length is twice as deep.
+// groups, passed in kStep-byte steps.
+//
+// A round's value does not need the register until its end: by linearity, passing a
+// round from register r gives A(r) xor (the round passed from a zero register), where
+// A moves a register over the round's length of zero bytes (four lookups, see
+// makeAdvance). So kRoundsAtOnce consecutive rounds are summed side by side, each
+// from zero, in independent dependency chains, and then folded into the register one
+// after the other with A. A round may itself be split into kLanes lanes over
+// contiguous stretches, joined the same way. Only the four-lookup move of the
+// register waits on the previous round; the lookups of the rounds overlap. The value
+// is the one of passing every step in order.
+//
+// CRC-32C gets two lanes per round: its 4-byte steps each wait for the one before, so
+// a round is twice as deep as with slicing-by-8 words.
 struct CRC32 {
     static constexpr size_t kThreshold = 15;  // below it: bytewise only
     static constexpr size_t kAlign = 8;       // the wide loop reads aligned 8-byte words
     static constexpr size_t kRoundGroups = 10;
     static constexpr size_t kStep = 8;
-    static constexpr size_t kLanes = 2;
+    static constexpr size_t kLanes = 1;
+    static constexpr size_t kRoundsAtOnce = 4;
     static constexpr const Ozr32u* table() { return crc_table_il8.v; }
     static Ozr32u step(Ozr32u reg, const Ozr8u* p) { return slice8(table(), reg, p); }
 };
@@ -129,7 +137,8 @@ struct CRC32C {
     static constexpr size_t kAlign = 4;  // 4-byte steps on aligned 4-byte words
     static constexpr size_t kRoundGroups = 10;
     static constexpr size_t kStep = 4;
-    static constexpr size_t kLanes = 4;
+    static constexpr size_t kLanes = 2;
+    static constexpr size_t kRoundsAtOnce = 4;
     static constexpr const Ozr32u* table() { return CRC32CTable.v; }
     static Ozr32u step(Ozr32u reg, const Ozr8u* p) { return slice4(table(), reg, p); }
 };
@@ -139,7 +148,8 @@ struct BZ2 {
     static constexpr size_t kAlign = 8;
     static constexpr size_t kRoundGroups = 8;  // 64-byte blocks
     static constexpr size_t kStep = 8;
-    static constexpr size_t kLanes = 2;
+    static constexpr size_t kLanes = 1;
+    static constexpr size_t kRoundsAtOnce = 4;
     static constexpr const Ozr32u* table() { return crc_table.v; }
     static Ozr32u step(Ozr32u reg, const Ozr8u* p) { return slice8(table(), reg, p); }
 };
@@ -154,22 +164,32 @@ struct Round {
     static constexpr Tables<4> overRound = m7::crc::makeAdvance<int(kBytes)>(C::table());
 };
 
-template <class C>
-inline Ozr32u crcRound(Ozr32u reg, const Ozr8u* p) {
+// K consecutive rounds from p, folded into reg.
+template <class C, size_t K>
+inline Ozr32u crcRounds(Ozr32u reg, const Ozr8u* p) {
     using R = Round<C>;
-    Ozr32u lane[C::kLanes] = {};
-#pragma GCC unroll 10
+    Ozr32u lane[K][C::kLanes] = {};
+#pragma GCC unroll 20
     for (size_t s = 0; s < R::kLaneSteps; ++s)
 #pragma GCC unroll 4
-        for (size_t l = 0; l < C::kLanes; ++l) lane[l] = C::step(lane[l], p + l * R::kLaneBytes + s * C::kStep);
-    Ozr32u joined = lane[0];
+        for (size_t l = 0; l < C::kLanes; ++l)
 #pragma GCC unroll 4
-    for (size_t l = 1; l < C::kLanes; ++l) joined = advance(R::overLane, joined) ^ lane[l];
-    return advance(R::overRound, reg) ^ joined;
+            for (size_t k = 0; k < K; ++k)
+                lane[k][l] = C::step(lane[k][l], p + k * R::kBytes + l * R::kLaneBytes + s * C::kStep);
+#pragma GCC unroll 4
+    for (size_t k = 0; k < K; ++k) {
+        Ozr32u round = lane[k][0];
+        if constexpr (C::kLanes > 1)
+#pragma GCC unroll 4
+            for (size_t l = 1; l < C::kLanes; ++l) round = advance(R::overLane, round) ^ lane[k][l];
+        reg = advance(R::overRound, reg) ^ round;
+    }
+    return reg;
 }
 
-// The register runs through: aligning prefix, rounds of kRoundGroups 8-byte groups,
-// single groups, bytewise tail. Short inputs go bytewise from the start.
+// The register runs through: aligning prefix, rounds of kRoundGroups 8-byte groups
+// (kRoundsAtOnce at a time while there are as many), single groups, bytewise tail.
+// Short inputs go bytewise from the start.
 template <class C>
 inline Ozr32u crcKernel(Ozr32u reg, const Ozr8u* p, size_t n) {
     const Ozr32u* T0 = C::table();
@@ -180,8 +200,9 @@ inline Ozr32u crcKernel(Ozr32u reg, const Ozr8u* p, size_t n) {
         n -= head;
         size_t groups = n / 8;
         n %= 8;
-        for (; groups >= C::kRoundGroups; groups -= C::kRoundGroups, p += 8 * C::kRoundGroups)
-            reg = crcRound<C>(reg, p);
+        constexpr size_t kRound = C::kRoundGroups, kMany = C::kRoundsAtOnce * kRound;
+        for (; groups >= kMany; groups -= kMany, p += 8 * kMany) reg = crcRounds<C, C::kRoundsAtOnce>(reg, p);
+        for (; groups >= kRound; groups -= kRound, p += 8 * kRound) reg = crcRounds<C, 1>(reg, p);
         for (; groups > 0; --groups, p += 8)
             for (size_t s = 0; s < 8; s += C::kStep) reg = C::step(reg, p + s);
     }
