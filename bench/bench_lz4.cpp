@@ -46,6 +46,17 @@ void runLz4(const Corpus& c, const Options& o, Table& t) {
                                               accel);
         };
     };
+    int hcSize = 0;
+    ozrsEncodeLZ4HCHashTableGetSize_8u(&hcSize);
+    std::vector<Ozr8u> hcTable(static_cast<size_t>(hcSize));
+    ozrsEncodeLZ4HCHashTableInit_8u(hcTable.data());
+    auto ourHC = [&](int level) {
+        return [&, level](const Sample& s, uint8_t* dst, int cap) {
+            int srcLen = static_cast<int>(s.data.size()), len = cap;
+            if (ozrsEncodeLZ4HC_8u(s.data.data(), &srcLen, dst, &len, hcTable.data(), level) != ozrOk) return 0;
+            return len;
+        };
+    };
     auto peerHC = [&](int level) {
         return [&, level](const Sample& s, uint8_t* dst, int cap) {
             return LZ4_compress_HC_extStateHC(hcState.data(), reinterpret_cast<const char*>(s.data.data()),
@@ -64,7 +75,9 @@ void runLz4(const Corpus& c, const Options& o, Table& t) {
         {"lz4 compress", "liblz4", "LZ4_compress_default", false, peerFast(1)},
         {"lz4 compress fast 8", "ozrdc", "acceleration 8", true, ourFast(8)},
         {"lz4 compress fast 8", "liblz4", "LZ4_compress_fast 8", false, peerFast(8)},
+        {"lz4hc compress default", "ozrdc", "level 9 (default)", true, ourHC(0)},
         {"lz4hc compress default", "liblz4", "LZ4_compress_HC level 9", false, peerHC(9)},
+        {"lz4hc compress max", "ozrdc", "level 12", true, ourHC(12)},
         {"lz4hc compress max", "liblz4", "LZ4_compress_HC level 12", false, peerHC(12)},
     };
 

@@ -243,10 +243,12 @@ OzrResult ozrsDecodeLZ4Dict_8u(const Ozr8u* pSrc, int* pSrcLen, Ozr8u* pDst, int
 /* ---- LZ4 high compression ----------------------------------------------------
  *
  * The same block format, found with hash chains: levels 1-8 parse lazily (the
- * longest match at each position, unless the next position has a longer one),
- * levels 9-12 parse optimally over windows of up to 4096 positions, choosing the
- * cheapest sequence of literals and matches in bytes. Higher levels follow longer
- * chains. Level 0 selects the default, OZR_LZ4HC_DEFAULT_LEVEL (9).
+ * longest match at each position, unless one starting a byte or two later is
+ * longer), levels 9-12 parse optimally over windows of up to 4096 positions,
+ * choosing the cheapest sequence of literals and matches in bytes. Higher levels
+ * follow longer chains and are slower. Level 0 selects the default,
+ * OZR_LZ4HC_DEFAULT_LEVEL (9): blocks about as small as the usual level-9 LZ4 HC at
+ * about its speed; level 12 is the smallest and much slower.
  *
  * The work buffer (hash heads, chains and the parser's window; size from
  * ozrsEncodeLZ4HCHashTableGetSize_8u) belongs to the caller, who prepares it once

@@ -674,9 +674,11 @@ TEST(LZ4Tool, OurFramesDecodeWithTheLz4Command) {
     for (const Bytes& in : {Bytes{}, randomBytes(1, 1), textBytes(100000, 2), repetitiveBytes(9 << 20, 3)}) {
         const std::string src = tmpPath("in"), enc = tmpPath("in.lz4"), dec = tmpPath("dec");
         writeFile(src, in);
-        ASSERT_EQ(0, run(tool + " compress -f -F lz4 " + src + " -o " + enc));
-        ASSERT_EQ(0, run("lz4 -d -q -f " + enc + " " + dec));
-        EXPECT_EQ(readFile(dec), in) << in.size();
+        for (const char* level : {"", " -l 9"}) {
+            ASSERT_EQ(0, run(tool + " compress -f -F lz4" + level + " " + src + " -o " + enc));
+            ASSERT_EQ(0, run("lz4 -d -q -f " + enc + " " + dec));
+            EXPECT_EQ(readFile(dec), in) << in.size() << level;
+        }
     }
 }
 

@@ -1,16 +1,19 @@
 // High-compression LZ4 block encoder: hash chains and, from level 9 up, an optimal
 // parse priced in exact LZ4 bytes.
 //
-// The caller's work buffer holds three areas:
-//   heads  32768 x 32-bit: the newest position of each 4-byte hash;
+// The caller's work buffer holds four areas:
+//   heads  32768 x 32-bit: the newest position of each chained string's hash;
+//   heads4 32768 x 32-bit: the newest position of each 4-byte hash (levels whose
+//          chains link 5-byte strings);
 //   chain  65536 x 16-bit: for position p (slot p mod 65536), the distance back to the
-//          previous position with the same hash (capped at 65535, where the window ends);
+//          previous position with the same hash (capped at 65535, where the window
+//          ends);
 //   nodes  the parser's arrival table for one window of positions.
 // Positions are stored biased by 65536, so that an empty head (0) is always farther
 // back than the 65535-byte window and needs no separate test.
 //
 // Levels 1-8 parse lazily: the longest match at p is taken unless p + 1 has a longer
-// one. Levels 9-12 parse optimally over windows of up to 4096 positions: every
+// one or p + 2 one longer by two. Levels 9-12 parse optimally over windows of up to 4096 positions: every
 // position's longest match is found (a shorter prefix of it is a match as well, and in
 // LZ4 every offset costs the same two bytes, so the longest match stands for all), and
 // the cheapest path in bytes is chosen, literals priced with their run-length bytes.
@@ -21,7 +24,7 @@
 namespace m7::lz4 {
 namespace {
 
-constexpr int kHashLog = 16;
+constexpr int kHashLog = 15;
 constexpr int kHeads = 1 << kHashLog;
 constexpr int kChainSlots = 1 << 16;
 constexpr Ozr32u kBias = 65536;
@@ -29,20 +32,29 @@ constexpr int kOptWindow = 4096;
 constexpr int kMaxSufficient = 4096;
 constexpr int kMatchStartMargin = 12;  // the last match starts at least 12 bytes before the end
 
+// Each position keeps its cheapest arrival in two states: by a match (no literals
+// pending) and by a literal (with the pending run's length), since a cheaper arrival
+// with a long literal run can turn out dearer once more literals follow.
 struct Node {
-    Ozr32s price;   // bytes to reach this position from the window start
-    Ozr32s litlen;  // literals pending at this position on the cheapest path
-    Ozr32s mlen;    // the step that reaches it: 0 = a literal, else a match of this length
+    Ozr32s priceM;  // bytes to reach this position, the last step a match
+    Ozr32s priceL;  // bytes to reach it, the last step a literal
+    Ozr32s litlen;  // literals pending in the literal state
+    Ozr32s mlen;    // the match of the match state
     Ozr32s off;
+    Ozr8u mFromL;   // the match starts from the literal state of its start
+    Ozr8u lFromL;   // the literal follows the literal state of the position before
+    Ozr16u pad;
     Ozr32s selLen;  // after backtracking: a chosen match starts here
     Ozr32s selOff;
+    Ozr32s price() const { return priceM <= priceL ? priceM : priceL; }
+    bool fromL() const { return priceL < priceM; }  // the cheaper state (a match on ties)
 };
 constexpr int kNodes = kOptWindow + kMaxSufficient + 8;
 
-constexpr size_t kHeadsBytes = sizeof(Ozr32u) * kHeads;
+constexpr size_t kHeadsBytes = sizeof(Ozr32u) * kHeads;  // each of the two head tables
 constexpr size_t kChainBytes = sizeof(Ozr16u) * kChainSlots;
 constexpr size_t kNodesBytes = sizeof(Node) * kNodes;
-constexpr int kHCTableBytes = static_cast<int>(kHeadsBytes + kChainBytes + kNodesBytes);
+constexpr int kHCTableBytes = static_cast<int>(2 * kHeadsBytes + kChainBytes + kNodesBytes);
 
 struct Level {
     int searches;    // chain links followed per position
@@ -50,16 +62,22 @@ struct Level {
     bool optimal;
     bool fullSearch = false;  // search every position of the window
     int innerSearches = 0;    // chain links inside a parse window (0: as searches)
+    int chainBytes = 5;       // length of the strings the chains link
 };
 constexpr Level kLevels[13] = {
     {0, 0, false},                                                       // 0: unused (default)
     {4, 16, false},     {8, 16, false},    {16, 32, false},  {32, 32, false},
     {64, 64, false},    {128, 64, false},  {256, 64, false}, {512, 128, false},
-    {64, 64, true, false, 48},     {256, 256, true},  {1024, 1024, true}, {16384, 4096, true, true},
+    {32, 128, true, false, 24},     {256, 256, true, false, 0, 4},  {1024, 1024, true, false, 0, 4},
+    {16384, 4096, true, true, 0, 4},
 };
 constexpr int kDefaultLevel = 9;
 
 inline Ozr32u hash4(const Ozr8u* p) { return (load32(p) * 2654435761u) >> (32 - kHashLog); }
+// The 5 bytes at p (the 8-byte load is shifted so that only they count).
+inline Ozr32u hash5(const Ozr8u* p) {
+    return static_cast<Ozr32u>(((load64(p) << 24) * 0xCF1BBCDCBBull) >> (64 - kHashLog));
+}
 
 // Bytes of a literal run of n, with its length bytes (the token is counted with the match).
 constexpr int litPrice(int n) { return n + (n >= 15 ? (n - 15) / 255 + 1 : 0); }
@@ -78,17 +96,21 @@ inline size_t countEqual(const Ozr8u* p, const Ozr8u* r, const Ozr8u* limit) {
     return static_cast<size_t>(p - start);
 }
 
+// ChainBytes: the length of the strings the chains link, 5 (shorter chains, faster;
+// 4-byte matches come from a table of newest occurrences) or 4 (every match).
+template <int ChainBytes>
 class HCEncoder {
 public:
     HCEncoder(const Ozr8u* base, int srcIdx, int srcLen, Ozr8u* dst, int dstCap, Ozr8u* work, int dictLimit,
               const Level& lv)
         : base_(base), src_(base + srcIdx), srcEnd_(src_ + srcLen), matchLimit_(srcEnd_ - kLastLiterals),
-          mflimit_(srcLen > kMatchStartMargin ? srcEnd_ - kMatchStartMargin : src_), dst_(dst), op_(dst),
+          mflimit_(srcLen > kMatchStartMargin ? srcEnd_ - kMatchStartMargin + 1 : src_), dst_(dst), op_(dst),
           dstEnd_(dst + dstCap), lv_(lv) {
         heads_ = reinterpret_cast<Ozr32u*>(work);
-        chain_ = reinterpret_cast<Ozr16u*>(work + kHeadsBytes);
-        nodes_ = reinterpret_cast<Node*>(work + kHeadsBytes + kChainBytes);
-        m7_ownsZero_8u(work, kHeadsBytes);
+        heads4_ = reinterpret_cast<Ozr32u*>(work + kHeadsBytes);
+        chain_ = reinterpret_cast<Ozr16u*>(work + 2 * kHeadsBytes);
+        nodes_ = reinterpret_cast<Node*>(work + 2 * kHeadsBytes + kChainBytes);
+        m7_ownsZero_8u(work, 2 * kHeadsBytes);
         // The usable history: from dictLimit, and no more than the window before the block.
         int histStart = srcIdx - kMaxDistance;
         if (histStart < dictLimit) histStart = dictLimit;
@@ -106,11 +128,18 @@ public:
     }
 
 private:
+    static Ozr32u hashChain(const Ozr8u* p) {
+        if constexpr (ChainBytes == 5) return hash5(p);
+        else return hash4(p);
+    }
+
     Ozr32u indexOf(const Ozr8u* p) const { return static_cast<Ozr32u>(p - base_) + kBias; }
 
     void insertUpTo(Ozr32u target) {
         for (Ozr32u i = nextToUpdate_; i < target; ++i) {
-            const Ozr32u h = hash4(base_ + (i - kBias));
+            const Ozr8u* p = base_ + (i - kBias);
+            if constexpr (ChainBytes == 5) heads4_[hash4(p)] = i;
+            const Ozr32u h = hashChain(p);
             const Ozr32u delta = i - heads_[h];
             chain_[i & 0xFFFF] = static_cast<Ozr16u>(delta > 65535 ? 65535 : delta);
             heads_[h] = i;
@@ -129,16 +158,39 @@ private:
         const Ozr32u lowIdx = lowIdx_;
         const Ozr8u* const matchLimit = matchLimit_;
         const size_t sufficient = static_cast<size_t>(lv_.sufficient);
-        Ozr32u idx = heads_[hash4(ip)];
         const Ozr32u head4 = load32(ip);
         const size_t room = static_cast<size_t>(matchLimit - ip);
         size_t best = minLen < room ? minLen : room;
         Ozr32u bestOff = 0;
-        // Candidates are followed along the chain of the 4 bytes at ip + shift. Once a
-        // match of length best is known, any longer one also repeats every 4 bytes
-        // inside it, so the walk may follow whichever of those 4-byte chains skips
-        // farthest back at this point: the rarer string, the fewer useless candidates.
+        // A 4-byte match is looked for at the newest occurrence only: the chains link
+        // 5-byte strings, which keeps them short.
+        if (ChainBytes == 5 && best < kMinMatch) {
+            const Ozr32u c = heads4_[hash4(ip)];
+            if (c >= lowIdx && ipIdx - c <= static_cast<Ozr32u>(kMaxDistance) && load32(base + (c - kBias)) == head4) {
+                best = 4 + countEqual(ip + 4, base + (c - kBias) + 4, matchLimit);
+                bestOff = ipIdx - c;
+                if (best >= sufficient || best >= room) {
+                    *off = bestOff;
+                    return static_cast<int>(best);
+                }
+            }
+        }
+        Ozr32u idx = heads_[hashChain(ip)];
+        // Candidates are followed along the chain of the 5 bytes at ip + shift. Once a
+        // match of length best is known, any longer one also repeats every 5 bytes
+        // inside it, so the walk may follow whichever of those chains skips farthest
+        // back at this point: the rarer string, the fewer useless candidates.
         Ozr32u shift = 0;
+        // The same holds before any match is found when only matches longer than
+        // minLen are wanted: start on the chain of the rarest 5 bytes among a few
+        // inside ip[0, minLen], the one whose newest occurrence is oldest.
+        if (best >= ChainBytes + 1) {
+            Ozr32u oldest = ipIdx - idx;
+            for (Ozr32u k = 1; k + ChainBytes - 1 <= best && k <= 12; k += k < 8 ? 1 : 4) {
+                const Ozr32u at = heads_[hashChain(ip + k)];
+                if (ipIdx + k - at > oldest) oldest = ipIdx + k - at, shift = k, idx = at - k;
+            }
+        }
         for (int n = searches > 0 ? searches : lv_.searches; n > 0; --n) {
             if (idx < lowIdx || ipIdx - idx > static_cast<Ozr32u>(kMaxDistance)) break;
             const Ozr8u* ref = base + (idx - kBias);
@@ -150,8 +202,8 @@ private:
                     bestOff = ipIdx - idx;
                     if (len >= sufficient || len >= room) break;
                     // Positions inside the match that are already entered in the chains.
-                    const Ozr32u span = static_cast<Ozr32u>(len - 3) < ipIdx - idx
-                                            ? static_cast<Ozr32u>(len - 3) : ipIdx - idx;
+                    const Ozr32u span = static_cast<Ozr32u>(len - ChainBytes + 1) < ipIdx - idx
+                                            ? static_cast<Ozr32u>(len - ChainBytes + 1) : ipIdx - idx;
                     Ozr32u far = 0;
                     for (Ozr32u k = 0; k < span; ++k) {
                         const Ozr32u d = chain[(idx + k) & 0xFFFF];
@@ -225,12 +277,19 @@ private:
                 continue;
             }
             ip = extendBack(ip, &len, off);
-            // One step of lookahead: a longer match one byte on wins over this one.
+            // Lookahead: a match one byte on that is longer, or two bytes on that is
+            // longer by two, wins over this one (it pays for the literals it adds).
             while (len < lv_.sufficient && ip + 1 < mflimit_) {
                 Ozr32u off2 = 0;
-                const int len2 = longest(ip + 1, &off2);
-                if (len2 <= len) break;
-                ++ip, len = len2, off = off2;
+                int len2 = longest(ip + 1, &off2, static_cast<size_t>(len));
+                if (len2 > len) {
+                    ++ip, len = len2, off = off2;
+                    continue;
+                }
+                if (ip + 2 >= mflimit_) break;
+                len2 = longest(ip + 2, &off2, static_cast<size_t>(len + 1));
+                if (len2 <= len + 1) break;
+                ip += 2, len = len2, off = off2;
             }
             if (!emit(ip, len, off)) return;
             ip += len;
@@ -256,14 +315,13 @@ private:
         }
     }
 
-    void relax(int at, Ozr32s price, Ozr32s litlen, Ozr32s mlen, Ozr32s off) {
+    void relaxMatch(int at, Ozr32s price, Ozr32s mlen, Ozr32s off, bool fromL) {
         Node& n = nodes_[at];
-        // On equal price the shorter pending literal run wins: later literals cost less.
-        if (price < n.price || (price == n.price && litlen < n.litlen)) {
-            n.price = price;
-            n.litlen = litlen;
+        if (price < n.priceM) {
+            n.priceM = price;
             n.mlen = mlen;
             n.off = off;
+            n.mFromL = fromL;
         }
     }
 
@@ -272,10 +330,13 @@ private:
     const Ozr8u* parseWindow(const Ozr8u* ip, int len, Ozr32u off) {
         Node* const nd = nodes_;
         constexpr Ozr32s kInf = 0x3FFFFFFF;
-        nd[0] = Node{0, static_cast<Ozr32s>(ip - anchor_), 0, 0, 0, 0};
+        const Ozr32s pending = static_cast<Ozr32s>(ip - anchor_);
+        nd[0].priceM = pending == 0 ? 0 : kInf;
+        nd[0].priceL = pending == 0 ? kInf : 0;
+        nd[0].litlen = pending;
         int last = 0;  // positions 0..last are initialised
         auto extend = [&](int to) {
-            for (int k = last + 1; k <= to; ++k) nd[k].price = kInf;
+            for (int k = last + 1; k <= to; ++k) nd[k].priceM = nd[k].priceL = kInf;
             if (to > last) last = to;
         };
         int end = -1;
@@ -293,10 +354,10 @@ private:
                     break;
                 }
                 // Below the top level, a position is not searched when the next one
-                // costs no more and a match from here could not beat what already
-                // reaches four bytes on.
-                const bool skip = !lv_.fullSearch && i + kMinMatch <= last && nd[i + 1].price <= nd[i].price &&
-                                  nd[i + kMinMatch].price < nd[i].price + matchPrice(kMinMatch);
+                // costs no more: a match from here reaching past `last` (at least 5
+                // bytes, as last - i >= 4) has its tail one byte shorter starting at
+                // i + 1, which ends at the same place for no more bytes.
+                const bool skip = !lv_.fullSearch && i + kMinMatch <= last && nd[i + 1].price() <= nd[i].price();
                 // Below the top level only matches that reach past every arrival so far
                 // are looked for: they are what moves the window on.
                 const size_t minLen = lv_.fullSearch ? 3 : static_cast<size_t>(last - i) < 3 ? 3 : last - i;
@@ -308,23 +369,46 @@ private:
                     break;
                 }
             }
-            const Node cur = nd[i];
+            const Node& cur = nd[i];
+            const Ozr32s curM = cur.priceM, curL = cur.priceL, curLit = cur.litlen;
+            const Ozr32s price = cur.price();
+            const bool curFromL = cur.fromL();
             extend(i + (mlen > 0 ? mlen : 1));
-            relax(i + 1, cur.price + litPrice(cur.litlen + 1) - litPrice(cur.litlen), cur.litlen + 1, 0, 0);
-            for (int L = kMinMatch; L <= mlen; ++L)
-                relax(i + L, cur.price + matchPrice(L), 0, L, static_cast<Ozr32s>(moff));
+            // A literal: from the match state it starts a run, from the literal state
+            // it lengthens one (and may need a length byte).
+            {
+                Node& nx = nd[i + 1];
+                const Ozr32s viaM = curM + 1;
+                const Ozr32s viaL = curL + litPrice(curLit + 1) - litPrice(curLit);
+                const bool useL = viaL < viaM || (viaL == viaM && curLit + 1 < 1);
+                const Ozr32s p = useL ? viaL : viaM;
+                const Ozr32s run = useL ? curLit + 1 : 1;
+                if (p < nx.priceL || (p == nx.priceL && run < nx.litlen)) {
+                    nx.priceL = p;
+                    nx.litlen = run;
+                    nx.lFromL = useL;
+                }
+            }
+            // Matches up to 18 bytes cost 3 bytes; longer ones add their length bytes.
+            int L = kMinMatch;
+            for (const Ozr32s p3 = price + 3; L <= mlen && L < 19; ++L)
+                relaxMatch(i + L, p3, L, static_cast<Ozr32s>(moff), curFromL);
+            for (; L <= mlen; ++L) relaxMatch(i + L, price + matchPrice(L), L, static_cast<Ozr32s>(moff), curFromL);
         }
 
         // Back from the end: mark where the chosen matches start.
         for (int k = 0; k <= end; ++k) nd[k].selLen = 0;
+        bool inL = nd[end].fromL();
         for (int k = end; k > 0;) {
-            if (nd[k].mlen == 0) {
+            if (inL) {
+                inL = nd[k].lFromL;
                 --k;
                 continue;
             }
             const int from = k - nd[k].mlen;
             nd[from].selLen = nd[k].mlen;
             nd[from].selOff = nd[k].off;
+            inL = nd[k].mFromL;
             k = from;
         }
         for (int k = 0; k < end;) {
@@ -373,7 +457,8 @@ private:
     Ozr8u* const dstEnd_;
     const Level lv_;
     const Ozr8u* anchor_ = src_;
-    Ozr32u* heads_;
+    Ozr32u* heads_;   // 5-byte strings, heads of the chains
+    Ozr32u* heads4_;  // 4-byte strings, newest occurrence only
     Ozr16u* chain_;
     Node* nodes_;
     Ozr32u lowIdx_;
@@ -409,9 +494,10 @@ OzrResult m7_ozrsEncodeLZ4HCDictLimit_8u(const Ozr8u* pSrc, int srcIdx, int* pSr
     if (srcIdx < 0 || dictLimit < 0 || dictLimit > srcIdx) return ozrErrSize;
     if (level < 0 || level > 12) return ozrErrBadArgument;
     const Level& lv = kLevels[level == 0 ? kDefaultLevel : level];
-    HCEncoder enc(pSrc, srcIdx, *pSrcLen, pDst, *pDstLen, pHashTable, dictLimit, lv);
     int written = 0;
-    const int covered = enc.run(&written);
+    const int covered = lv.chainBytes == 5
+        ? HCEncoder<5>(pSrc, srcIdx, *pSrcLen, pDst, *pDstLen, pHashTable, dictLimit, lv).run(&written)
+        : HCEncoder<4>(pSrc, srcIdx, *pSrcLen, pDst, *pDstLen, pHashTable, dictLimit, lv).run(&written);
     const bool whole = covered == *pSrcLen;
     *pSrcLen = covered;
     *pDstLen = written;

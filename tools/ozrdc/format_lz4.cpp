@@ -1,7 +1,8 @@
 // The LZ4 frame format (.lz4) on top of the library's LZ4 block coder.
 //
 // Writing: one frame of independent blocks of up to 4 MiB, each compressed by the
-// bounded block encoder (stored raw when compression does not make it smaller),
+// bounded block encoder, or by the high-compression encoder with -l 2..12 (stored
+// raw when compression does not make it smaller),
 // and a content checksum (xxHash32 of the whole input); streaming, so files of any
 // size take 8 MiB of memory.
 //
@@ -39,21 +40,24 @@ struct XxhState {
 
 int checkedInt(size_t n) { return static_cast<int>(n); }
 
-// Compresses with the plain block encoder, or with the high-compression encoder
-// when a level of 2 or more is asked for.
+// Compresses with the bounded block encoder at level 1 (the default), or with the
+// high-compression encoder at levels 2 to 12 (its own levels of the same numbers).
 class BlockEncoder {
 public:
     explicit BlockEncoder(std::optional<int> level) : level_(level.value_or(1)) {
-        if (level_ < 1 || level_ > 12) throw ToolError("lz4: level must be 1..12");
+        if (level_ < 1 || level_ > OZR_LZ4HC_MAX_LEVEL) throw ToolError("lz4: level must be 1..12");
         int size = 0;
-        ozrsEncodeLZ4HashTableGetSize_8u(&size);
+        if (level_ == 1) ozrsEncodeLZ4HashTableGetSize_8u(&size);
+        else ozrsEncodeLZ4HCHashTableGetSize_8u(&size);
         table_.resize(static_cast<size_t>(size));
+        if (level_ > 1) ozrsEncodeLZ4HCHashTableInit_8u(table_.data());
     }
     // Returns the block length, or 0 when the block does not shrink.
     size_t encode(const uint8_t* src, size_t n, uint8_t* dst) {
-        int srcLen = checkedInt(n), dstLen = checkedInt(n - 1);
         if (n < 2) return 0;
-        OzrResult st = ozrsEncodeLZ4Safe_8u(src, &srcLen, dst, &dstLen, table_.data());
+        int srcLen = checkedInt(n), dstLen = checkedInt(n - 1);
+        OzrResult st = level_ == 1 ? ozrsEncodeLZ4Safe_8u(src, &srcLen, dst, &dstLen, table_.data())
+                                   : ozrsEncodeLZ4HC_8u(src, &srcLen, dst, &dstLen, table_.data(), level_);
         if (st != ozrOk || srcLen != checkedInt(n)) return 0;
         return static_cast<size_t>(dstLen);
     }
