@@ -222,14 +222,14 @@ private:
         const Ozr8u* ip = f.at;
         const Ozr8u* ref = f.ref;
         const Ozr64u x = load64(ip) ^ load64(ref);
-        if (x != 0) return lowestSetBit(x) >> 3;
+        if (x != 0) return m7::trailingZeros64(x) >> 3;
         size_t limit = static_cast<size_t>(matchLimit_ - ip);
         if constexpr (C::kDict == Dict::External)
             if (f.refEnd != nullptr && static_cast<size_t>(f.refEnd - ref) < limit) limit = f.refEnd - ref;
         size_t n = 8;
         while (n + 8 <= limit) {
             const Ozr64u y = load64(ip + n) ^ load64(ref + n);
-            if (y != 0) return n + (lowestSetBit(y) >> 3);
+            if (y != 0) return n + (m7::trailingZeros64(y) >> 3);
             n += 8;
         }
         while (n < limit && ip[n] == ref[n]) ++n;

@@ -89,7 +89,7 @@ inline size_t countEqual(const Ozr8u* p, const Ozr8u* r, const Ozr8u* limit) {
     const Ozr8u* const start = p;
     while (p + 8 <= limit) {
         const Ozr64u x = load64(p) ^ load64(r);
-        if (x != 0) return static_cast<size_t>(p - start) + (lowestSetBit(x) >> 3);
+        if (x != 0) return static_cast<size_t>(p - start) + (m7::trailingZeros64(x) >> 3);
         p += 8, r += 8;
     }
     while (p < limit && *p == *r) ++p, ++r;

@@ -23,14 +23,6 @@ inline void store16le(Ozr8u* p, Ozr16u v) { __builtin_memcpy(p, &v, 2); }
 inline void store32(Ozr8u* p, Ozr32u v) { __builtin_memcpy(p, &v, 4); }
 inline void store64(Ozr8u* p, Ozr64u v) { __builtin_memcpy(p, &v, 8); }
 
-// Index of the lowest set bit of a non-zero word. Written as bsf: the compiler's
-// count-trailing-zeros builtin may become tzcnt, which is beyond SSE3 machines.
-inline size_t lowestSetBit(Ozr64u x) {
-    Ozr64u r;
-    __asm__("bsfq %1, %0" : "=r"(r) : "rm"(x) : "cc");
-    return static_cast<size_t>(r);
-}
-
 inline void copy8(Ozr8u* d, const Ozr8u* s) { store64(d, load64(s)); }
 inline void copy16(Ozr8u* d, const Ozr8u* s) {
     _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)));
