@@ -84,6 +84,18 @@ constexpr int litPrice(int n) { return n + (n >= 15 ? (n - 15) / 255 + 1 : 0); }
 // Token, offset and length bytes of a match of length L.
 constexpr int matchPrice(int len) { return 3 + (len >= 19 ? (len - 19) / 255 + 1 : 0); }
 
+// The 4 bytes of v read as the same string started `bytes` places later.
+inline Ozr32u rotateBytes(Ozr32u v, int bytes) { return (v >> (8 * bytes)) | (v << (32 - 8 * bytes)); }
+
+// How many bytes before p continue the pattern of period `period` that p starts,
+// going no lower than `low`.
+inline size_t countBackPeriodic(const Ozr8u* p, Ozr32u period, const Ozr8u* low) {
+    const Ozr8u* q = p;
+    while (q - 8 >= low && load64(q - 8) == load64(q - 8 + period)) q -= 8;
+    while (q > low && q[-1] == q[-1 + period]) --q;
+    return static_cast<size_t>(p - q);
+}
+
 // Equal bytes at p and r, at most up to limit (measured from p).
 inline size_t countEqual(const Ozr8u* p, const Ozr8u* r, const Ozr8u* limit) {
     const Ozr8u* const start = p;
@@ -191,9 +203,42 @@ private:
                 if (ipIdx + k - at > oldest) oldest = ipIdx + k - at, shift = k, idx = at - k;
             }
         }
+        // Runs of a byte or a byte pair: every position of such a run is chained, so a
+        // walk would crawl through each run one step per byte. Instead, the first
+        // candidate met in a run stands for the whole run: the run's best position is
+        // the one whose remaining run equals ip's (after it the bytes may go on
+        // matching), and the walk then jumps to the run's start.
+        const Ozr32u period = head4 == rotateBytes(head4, 1) ? 1 : head4 == rotateBytes(head4, 2) ? 2 : 0;
+        const size_t ipRun = period != 0 ? period + countEqual(ip + period, ip, matchLimit) : 0;
+        const Ozr32u lowestIdx = ipIdx - lowIdx > static_cast<Ozr32u>(kMaxDistance) ? ipIdx - kMaxDistance : lowIdx;
+        const Ozr8u* const lowest = base + (lowestIdx - kBias);
         for (int n = searches > 0 ? searches : lv_.searches; n > 0; --n) {
             if (idx < lowIdx || ipIdx - idx > static_cast<Ozr32u>(kMaxDistance)) break;
             const Ozr8u* ref = base + (idx - kBias);
+            if (period != 0 && shift == 0 && load32(ref) == head4) {
+                const Ozr8u* const runEnd = ref + period + countEqual(ref + period, ref, matchLimit);
+                const Ozr8u* const runStart = ref - countBackPeriodic(ref, period, lowest);
+                // The run's first position in ip's phase of a two-byte pattern: its
+                // 4 bytes are ip's, so its chain is the one being walked.
+                const Ozr8u* const start = runStart + (ref - runStart) % period;
+                const Ozr8u* q = start;
+                if (static_cast<size_t>(runEnd - start) > ipRun) {
+                    q = runEnd - ipRun;
+                    if ((q - start) % period != 0) --q;  // a byte more of run, in phase
+                }
+                if (q >= ip) q = ip - period;  // ip's own run: the nearest copy
+                if (q >= lowest) {
+                    const size_t len = countEqual(ip, q, matchLimit);
+                    if (len > best) {
+                        best = len;
+                        bestOff = static_cast<Ozr32u>(ip - q);
+                        if (len >= sufficient || len >= room) break;
+                    }
+                }
+                idx = indexOf(start);
+                idx -= chain[idx & 0xFFFF];
+                continue;
+            }
             // Only a candidate that agrees at the current best length can beat it.
             if (load32(ref + best - 3) == load32(ip + best - 3) && load32(ref) == head4) {
                 const size_t len = 4 + countEqual(ip + 4, ref + 4, matchLimit);
@@ -349,7 +394,10 @@ private:
             if (i == 0) {
                 mlen = len, moff = off;
             } else {
-                if (i >= last || i >= kOptWindow) {
+                // A window ends where no arrival reaches further. Past its length
+                // nothing new is searched, but the arrivals already made are followed
+                // to where the furthest one ends.
+                if (i >= last) {
                     end = i;
                     break;
                 }
@@ -357,11 +405,15 @@ private:
                 // costs no more: a match from here reaching past `last` (at least 5
                 // bytes, as last - i >= 4) has its tail one byte shorter starting at
                 // i + 1, which ends at the same place for no more bytes.
-                const bool skip = !lv_.fullSearch && i + kMinMatch <= last && nd[i + 1].price() <= nd[i].price();
+                // With every match length wanted (top level), also a 4-byte match from here
+                // must be unable to improve the position it reaches.
+                const bool skip = i + kMinMatch <= last && nd[i + 1].price() <= nd[i].price() &&
+                                  (!lv_.fullSearch || nd[i + kMinMatch].price() < nd[i].price() + matchPrice(kMinMatch));
                 // Below the top level only matches that reach past every arrival so far
                 // are looked for: they are what moves the window on.
                 const size_t minLen = lv_.fullSearch ? 3 : static_cast<size_t>(last - i) < 3 ? 3 : last - i;
-                if (!skip && ip + i < mflimit_) mlen = longest(ip + i, &moff, minLen, lv_.innerSearches);
+                if (!skip && i < kOptWindow && ip + i < mflimit_)
+                    mlen = longest(ip + i, &moff, minLen, lv_.innerSearches);
                 if (mlen >= lv_.sufficient) {
                     // Taken at once: the path ends here and this match follows it.
                     end = i;
