@@ -197,11 +197,23 @@ private:
 
     // One probe per step; the step is counter >> shift, the counter grows by one per miss.
     bool counterSearch(const Ozr8u*& ip, Found& f, unsigned counter, int shift) {
-        while (ip < searchEnd_) {
-            if (probe(ip, f)) return true;
-            ip += counter++ >> shift;
+        const Ozr8u* const end = searchEnd_;
+        if (ip >= end) return false;
+        Entry* const t = table();
+        Ozr32u h = hash5<kHashBits>(ip);
+        for (;;) {
+            // The next position's hash is computed before this probe's compare, so that
+            // its load and multiply overlap the table access.
+            const Ozr8u* const next = ip + (counter >> shift);
+            const Ozr32u hn = next < end ? hash5<kHashBits>(next) : 0;
+            const Entry c = t[h];
+            t[h] = static_cast<Entry>(posOf(ip));
+            if (test(c, ip, f)) return true;
+            ++counter;
+            ip = next;
+            h = hn;
+            if (ip >= end) return false;
         }
-        return false;
     }
 
     // Accelerated: four probes a group at ip + k * step, each entered and compared in turn.
