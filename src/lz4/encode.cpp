@@ -264,7 +264,15 @@ private:
         } else {
             tok = static_cast<unsigned>(lit) << 4;
         }
-        copyExact(op, anchor, lit);
+        if constexpr (C::kBounded) {
+            copyExact(op, anchor, lit);
+        } else {
+            // Unbounded output is sized for the worst case, n + n / 255 + 16: the
+            // block so far takes at most as many bytes as it covers (plus one per 255),
+            // and at least 20 input bytes remain after a match start, so 16-byte steps
+            // may run up to 15 bytes past the literals. The input has those bytes too.
+            for (size_t i = 0; i < lit; i += 16) copy16(op + i, anchor + i);
+        }
         op += lit;
         store16le(op, static_cast<Ozr16u>(f.dist));
         op += 2;
