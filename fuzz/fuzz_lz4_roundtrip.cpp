@@ -1,5 +1,5 @@
 // Every LZ4 block encoder on arbitrary data, back through our decoder. Byte 0 picks
-// the encoder (and the acceleration or the capacity); the rest is the data. Bounded
+// the encoder (and the acceleration, level or capacity); the rest is the data. Bounded
 // encoders get a guarded output of the chosen capacity and must give a valid block
 // of exactly the prefix they report.
 #include <cstdint>
@@ -26,7 +26,7 @@ void checkDecodes(const uint8_t* block, int len, const uint8_t* expect, int n, c
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 2) return 0;
-    const unsigned mode = data[0] % 5, param = data[0] / 5;
+    const unsigned mode = data[0] % 6, param = data[0] / 6;
     GuardedBuffer in(data + 1, size - 1);
     const int n = static_cast<int>(in.size());
     const int bound = n + n / 255 + 16;
@@ -59,6 +59,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             if (m7_ozrsEncodeLZ4Fast_8u(in.data(), n, out.data(), &len, table.data(), 1 + static_cast<int>(param)) != ozrOk)
                 std::abort();
             checkDecodes(out.data(), len, in.data(), n, nullptr, 0);
+            break;
+        }
+        case 5: {
+            // High compression: level from the parameter, capacity full or cut.
+            static std::vector<uint8_t> hc;
+            if (hc.empty()) {
+                int sz = 0;
+                m7_ozrsEncodeLZ4HCHashTableGetSize_8u(&sz);
+                hc.resize(static_cast<size_t>(sz));
+                m7_ozrsEncodeLZ4HCHashTableInit_8u(hc.data());
+            }
+            const int level = static_cast<int>(param % 13);
+            const int cap = param < 26 ? bound : 1 + n * static_cast<int>(param % 13) / 13;
+            GuardedBuffer out(static_cast<size_t>(cap));
+            int sl = n, len = cap;
+            OzrResult st = m7_ozrsEncodeLZ4HC_8u(in.data(), &sl, out.data(), &len, hc.data(), level);
+            if (st != (sl == n ? ozrOk : ozrWarnDstSizeLess) || len > cap) std::abort();
+            checkDecodes(out.data(), len, in.data(), sl, nullptr, 0);
             break;
         }
         case 3:

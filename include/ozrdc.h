@@ -175,7 +175,8 @@ OzrResult ozrsEncodeLZ4LoadDict_8u(Ozr8u* pHashTable, const Ozr8u* pDict, int di
 
 /* Encodes srcLen bytes at pSrc as one block into pDst and stores its length in
  * *pDstLen. pDst must hold the worst case (srcLen + srcLen / 255 + 16 bytes); the
- * capacity is not checked. The table (16384 bytes, caller-owned) is cleared first.
+ * capacity is not checked, and bytes of that area past the block may be
+ * overwritten. The table (16384 bytes, caller-owned) is cleared first.
  * Errors: a null table -> ozrErrNullPointer (from the clearing, before any other
  * check); any other null pointer -> ozrErrNullPointer; srcLen <= 0 -> ozrErrSize. */
 OzrResult ozrsEncodeLZ4_8u(const Ozr8u* pSrc, int srcLen, Ozr8u* pDst, int* pDstLen, Ozr8u* pHashTable);

@@ -99,7 +99,7 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
             Ozr8u* const seqOp = op;
             const unsigned token = *ip++;
             size_t lit = token >> 4;
-            if (lit < kRunMask) {
+            if (__builtin_expect(lit < kRunMask, 1)) {
                 // At most 14 literals; they end at least 18 bytes before the input's end,
                 // so a match follows.
                 copy16(op, ip);
@@ -123,7 +123,7 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
             ip += 2;
             if (__builtin_expect(!offsetValid(op, off), 0)) return ozrErrFailed;
             size_t ml = token & kRunMask;
-            if (ml == kRunMask) {
+            if (__builtin_expect(ml == kRunMask, 0)) {
                 // The first extension byte lies inside the input (ip <= srcEnd - 16).
                 unsigned b = *ip++;
                 ml += b;
@@ -147,23 +147,24 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
                     continue;
                 }
             }
-            if (__builtin_expect(off >= 8, 1)) {
-                // 24 bytes unconditionally (each 8-byte step reads only bytes already
-                // final), then the rest of a long match.
+            if (__builtin_expect(off >= 16, 1)) {
+                // 18 bytes at once cover every short match; the first 16 read only bytes
+                // before op, so no load waits on the store just made.
+                const Ozr8u* q = op - off;
+                copy16(op, q);
+                store16le(op + 16, load16le(q + 16));
+                if (__builtin_expect(ml > 18, 0)) {
+                    for (size_t i = 16; i < ml; i += 32) {
+                        copy16(op + i, q + i);
+                        copy16(op + i + 16, q + i + 16);
+                    }
+                }
+            } else if (off >= 8) {
                 const Ozr8u* q = op - off;
                 copy8(op, q);
                 copy8(op + 8, q + 8);
                 copy8(op + 16, q + 16);
-                if (__builtin_expect(ml > 24, 0)) {
-                    if (off >= 16) {
-                        for (size_t i = 24; i < ml; i += 32) {
-                            copy16(op + i, q + i);
-                            copy16(op + i + 16, q + i + 16);
-                        }
-                    } else {
-                        for (size_t i = 24; i < ml; i += 8) copy8(op + i, q + i);
-                    }
-                }
+                for (size_t i = 24; i < ml; i += 8) copy8(op + i, q + i);
             } else if (off != 0) {
                 copyOverlapWild(op, off, ml);
             }

@@ -197,11 +197,23 @@ private:
 
     // One probe per step; the step is counter >> shift, the counter grows by one per miss.
     bool counterSearch(const Ozr8u*& ip, Found& f, unsigned counter, int shift) {
-        while (ip < searchEnd_) {
-            if (probe(ip, f)) return true;
-            ip += counter++ >> shift;
+        const Ozr8u* const end = searchEnd_;
+        if (ip >= end) return false;
+        Entry* const t = table();
+        Ozr32u h = hash5<kHashBits>(ip);
+        for (;;) {
+            // The next position's hash is computed before this probe's compare, so that
+            // its load and multiply overlap the table access.
+            const Ozr8u* const next = ip + (counter >> shift);
+            const Ozr32u hn = next < end ? hash5<kHashBits>(next) : 0;
+            const Entry c = t[h];
+            t[h] = static_cast<Entry>(posOf(ip));
+            if (test(c, ip, f)) return true;
+            ++counter;
+            ip = next;
+            h = hn;
+            if (ip >= end) return false;
         }
-        return false;
     }
 
     // Accelerated: four probes a group at ip + k * step, each entered and compared in turn.
@@ -252,7 +264,15 @@ private:
         } else {
             tok = static_cast<unsigned>(lit) << 4;
         }
-        copyExact(op, anchor, lit);
+        if constexpr (C::kBounded) {
+            copyExact(op, anchor, lit);
+        } else {
+            // Unbounded output is sized for the worst case, n + n / 255 + 16: the
+            // block so far takes at most as many bytes as it covers (plus one per 255),
+            // and at least 20 input bytes remain after a match start, so 16-byte steps
+            // may run up to 15 bytes past the literals. The input has those bytes too.
+            for (size_t i = 0; i < lit; i += 16) copy16(op + i, anchor + i);
+        }
         op += lit;
         store16le(op, static_cast<Ozr16u>(f.dist));
         op += 2;

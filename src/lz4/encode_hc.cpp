@@ -269,10 +269,7 @@ private:
         const size_t lit = static_cast<size_t>(at - anchor_);
         const size_t need = 1 + (lit >= 15 ? (lit - 15) / 255 + 1 : 0) + lit + 2 +
                             (ml >= 19 ? static_cast<size_t>(ml - 19) / 255 + 1 : 0);
-        if (need + 1 + kLastLiterals > static_cast<size_t>(dstEnd_ - op_)) {
-            full_ = true;
-            return false;
-        }
+        if (need + 1 + kLastLiterals > static_cast<size_t>(dstEnd_ - op_)) return false;
         Ozr8u* op = op_;
         Ozr8u* const token = op++;
         unsigned tok;
@@ -515,7 +512,6 @@ private:
     Node* nodes_;
     Ozr32u lowIdx_;
     Ozr32u nextToUpdate_;
-    bool full_ = false;
     int lastLits_ = 0;
 };
 
