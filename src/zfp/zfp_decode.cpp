@@ -25,8 +25,10 @@ struct BitSource {
     const Ozr8u* end;
     bool failed;
 
-    inline void refill() {
-        if (!Checked || end - p >= 8) {
+    // Loads the next 64-bit word, or a single byte within 8 bytes of the end; false
+    // when no byte is left.
+    inline bool load() {
+        if (end - p >= 8) {
             __builtin_memcpy(&buf, p, 8);
             p += 8;
             cnt = 64;
@@ -34,6 +36,17 @@ struct BitSource {
             buf = *p++;
             cnt = 8;
         } else {
+            return false;
+        }
+        return true;
+    }
+
+    inline void refill() {
+        if (!Checked) {
+            __builtin_memcpy(&buf, p, 8);
+            p += 8;
+            cnt = 64;
+        } else if (!load()) {
             failed = true;
             buf = 0;
             cnt = 64;
@@ -91,14 +104,7 @@ struct BitSource {
         p += words * 8;
         n -= words * 64;
         while (n > 0) {
-            if (end - p >= 8) {
-                __builtin_memcpy(&buf, p, 8);
-                p += 8;
-                cnt = 64;
-            } else if (p < end) {
-                buf = *p++;
-                cnt = 8;
-            } else {
+            if (!load()) {
                 failed = true;
                 return;
             }
