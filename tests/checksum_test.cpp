@@ -2,6 +2,8 @@
 // references over many lengths and alignments, split-call equivalence, the argument
 // checks, and the `ozrdc checksum` command.
 #include <gtest/gtest.h>
+
+#include "test_data.h"
 #include <isa-l/crc.h>
 #include <sys/mman.h>
 #include <zlib.h>
@@ -22,14 +24,7 @@
 
 namespace {
 
-using Bytes = std::vector<Ozr8u>;
 
-Bytes randomBytes(size_t n, unsigned seed) {
-    std::mt19937 rng(seed);
-    Bytes b(n);
-    for (auto& x : b) x = static_cast<Ozr8u>(rng());
-    return b;
-}
 
 const Ozr8u* digits() { return reinterpret_cast<const Ozr8u*>("123456789"); }
 

@@ -1,6 +1,8 @@
 // LZ4 blocks: our decoders against blocks made by liblz4, our encoders' blocks
 // through liblz4's decoder, exact block shapes, bounded output, every status.
 #include <gtest/gtest.h>
+
+#include "test_data.h"
 #include <lz4.h>
 #include <lz4hc.h>
 
@@ -14,14 +16,7 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 
-Bytes randomBytes(size_t n, uint32_t seed) {
-    std::mt19937 r(seed);
-    Bytes b(n);
-    for (auto& x : b) x = static_cast<uint8_t>(r());
-    return b;
-}
 
 Bytes textBytes(size_t n, uint32_t seed) {
     static const char* words[] = {"the ", "of ", "and ", "compression ", "block ", "a ", "to ", "stream ",

@@ -1,6 +1,8 @@
 // LZO1X: decoders against liblzo2's encoders, encoders against liblzo2's decoder, the
 // container, the distance limit, corrupt and truncated input, statuses.
 #include <gtest/gtest.h>
+
+#include "test_data.h"
 #include <lzo/lzo1x.h>
 
 #include <algorithm>
@@ -19,18 +21,11 @@
 
 namespace {
 
-using Bytes = std::vector<Ozr8u>;
 
 struct LzoInit {
     LzoInit() { lzo_init(); }
 } lzoInit;
 
-Bytes randomBytes(size_t n, unsigned seed) {
-    std::mt19937 g(seed);
-    Bytes b(n);
-    for (auto& x : b) x = Ozr8u(g());
-    return b;
-}
 
 // Words with a skewed choice: compresses about like English text.
 Bytes textBytes(size_t n, unsigned seed) {
