@@ -470,7 +470,11 @@ OzrResult ozrsEncodeZfpSetAccuracy_32f(OzrsZfpState_32f* pState, Ozr64f toleranc
  * stored, the word that did not fit stays in bitBuffer (bitCount then reads 64), so
  * that ozrsEncodeZfpGetCompressedBitSize_32f still counts every bit produced; later
  * blocks are refused with the same status and ozrsEncodeZfpFlush_32f stores what
- * bytes still fit. */
+ * bytes still fit.
+ * The values must be finite: a block holding an infinity or a NaN has exponent
+ * field 255, whose 8-bit header wraps to 0, so the decoder reads a different
+ * precision and the rest of the stream is out of step (it still only returns
+ * statuses). */
 OzrResult ozrsEncodeZfp444_32f(const Ozr32f* pSrc, Ozr32s srcStep, Ozr32s srcPlaneStep,
                                OzrsZfpState_32f* pState);
 
