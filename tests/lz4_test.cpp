@@ -382,6 +382,46 @@ TEST(LZ4Decode, ShortOffsetsRepeatThePattern) {
     EXPECT_EQ(ourDecode(block, expect.size()), expect);
 }
 
+TEST(LZ4Decode, EveryShortOffsetAndLengthRepeatsThePatternInTheFastLoop) {
+    // Each match of offset 1..40 and length 4..80 follows three fresh literals, so the
+    // pattern differs from match to match; a long literal tail keeps all of them away
+    // from the ends, where the exact copies take over.
+    std::mt19937 r(7);
+    Bytes block, expect;
+    auto length = [&block](size_t extra) {
+        for (; extra >= 255; extra -= 255) block.push_back(255);
+        block.push_back(static_cast<uint8_t>(extra));
+    };
+    for (int i = 0; i < 40; ++i) expect.push_back(static_cast<uint8_t>(r()));
+    block.push_back(0xF0);
+    length(40 - 15);
+    block.insert(block.end(), expect.begin(), expect.end());
+    block.insert(block.end(), {1, 0});  // offset 1, length 4
+    for (int k = 0; k < 4; ++k) expect.push_back(expect.back());
+    for (size_t off = 1; off <= 40; ++off) {
+        for (size_t ml = 4; ml <= 80; ml += (ml < 24 ? 1 : 7)) {
+            const size_t code = ml - 4;
+            block.push_back(static_cast<uint8_t>(0x30 | (code < 15 ? code : 15)));
+            for (int k = 0; k < 3; ++k) {
+                expect.push_back(static_cast<uint8_t>(r()));
+                block.push_back(expect.back());
+            }
+            block.push_back(static_cast<uint8_t>(off));
+            block.push_back(0);
+            if (code >= 15) length(code - 15);
+            for (size_t k = 0; k < ml; ++k) expect.push_back(expect[expect.size() - off]);
+        }
+    }
+    block.push_back(0xF0);
+    length(100 - 15);
+    for (int i = 0; i < 100; ++i) {
+        expect.push_back(static_cast<uint8_t>(r()));
+        block.push_back(expect.back());
+    }
+    EXPECT_EQ(ourDecode(block, expect.size()), expect);
+    EXPECT_EQ(peerDecode(block, expect.size()), expect);
+}
+
 TEST(LZ4Decode, CapacityOneTooSmallWritesEveryByteThatFits) {
     const Bytes in = textBytes(5000, 9);
     const Bytes block = ourEncode(in);

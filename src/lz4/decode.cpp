@@ -89,6 +89,10 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
     auto offsetValid = [reach, dstStart](const Ozr8u* o, size_t off) -> bool {
         return static_cast<ptrdiff_t>(off) <= (o - dstStart) + reach;
     };
+    // External dictionary: does the match start in the dictionary's virtual bytes?
+    auto inDict = [&hv](const Ozr8u* o, size_t off) -> bool {
+        return (o - hv.base) - static_cast<ptrdiff_t>(off) < static_cast<ptrdiff_t>(hv.dictSize);
+    };
 
     // ---- Fast loop: at least 32 input bytes and 64 output bytes left. ----
     if (srcLen > 32 && dstCap > 64) {
@@ -123,9 +127,30 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
             ip += 2;
             if (__builtin_expect(!offsetValid(op, off), 0)) return ozrErrFailed;
             size_t ml = token & kRunMask;
-            if (__builtin_expect(ml == kRunMask, 0)) {
+            if (__builtin_expect(ml != kRunMask, 1)) {
+                // A short match (at most 18 bytes) after at most 14 literals from a
+                // token below dstFastEnd: even a 24-byte blind copy stays 26 bytes
+                // inside the output, so no room check is needed.
+                ml += kMinMatch;
+                if constexpr (H == History::ExtDict) {
+                    if (inDict(op, off)) {
+                        copyMatchExact<H>(op, off, ml, hv);
+                        op += ml;
+                        continue;
+                    }
+                }
+                if (__builtin_expect(off >= 16, 1)) {
+                    // 18 bytes at once cover every short match; they read only bytes
+                    // before op, so no load waits on the store just made.
+                    const Ozr8u* q = op - off;
+                    copy16(op, q);
+                    store16le(op + 16, load16le(q + 16));
+                } else if (off != 0) {
+                    copyOverlapWild(op, off, ml);
+                }
+            } else {
                 // The first extension byte lies inside the input (ip <= srcEnd - 16).
-                unsigned b = *ip++;
+                const unsigned b = *ip++;
                 ml += b;
                 if (__builtin_expect(b == 255, 0)) ml = readLengthExt(ip, srcFastEnd, ml);
                 ml += kMinMatch;
@@ -134,39 +159,27 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
                     ip = seqIp, op = seqOp;
                     break;
                 }
-            } else {
-                // A short match (at most 18 bytes) after at most 14 literals from a
-                // token below dstFastEnd: even a 24-byte blind copy stays 26 bytes
-                // inside the output, so no room check is needed.
-                ml += kMinMatch;
-            }
-            if constexpr (H == History::ExtDict) {
-                if ((op - hv.base) - static_cast<ptrdiff_t>(off) < static_cast<ptrdiff_t>(hv.dictSize)) {
-                    copyMatchExact<H>(op, off, ml, hv);
-                    op += ml;
-                    continue;
+                if constexpr (H == History::ExtDict) {
+                    if (inDict(op, off)) {
+                        copyMatchExact<H>(op, off, ml, hv);
+                        op += ml;
+                        continue;
+                    }
                 }
-            }
-            if (__builtin_expect(off >= 16, 1)) {
-                // 18 bytes at once cover every short match; the first 16 read only bytes
-                // before op, so no load waits on the store just made.
-                const Ozr8u* q = op - off;
-                copy16(op, q);
-                store16le(op + 16, load16le(q + 16));
-                if (__builtin_expect(ml > 18, 0)) {
-                    for (size_t i = 16; i < ml; i += 32) {
+                if (__builtin_expect(off >= 16, 1)) {
+                    // At least 19 bytes: three 16-byte steps cover up to 48 without a
+                    // loop (the room check above leaves 45 bytes past the match).
+                    const Ozr8u* q = op - off;
+                    copy16(op, q);
+                    copy16(op + 16, q + 16);
+                    copy16(op + 32, q + 32);
+                    for (size_t i = 48; i < ml; i += 32) {
                         copy16(op + i, q + i);
                         copy16(op + i + 16, q + i + 16);
                     }
+                } else if (off != 0) {
+                    copyOverlapWild(op, off, ml);
                 }
-            } else if (off >= 8) {
-                const Ozr8u* q = op - off;
-                copy8(op, q);
-                copy8(op + 8, q + 8);
-                copy8(op + 16, q + 16);
-                for (size_t i = 24; i < ml; i += 8) copy8(op + i, q + i);
-            } else if (off != 0) {
-                copyOverlapWild(op, off, ml);
             }
             op += ml;
         }

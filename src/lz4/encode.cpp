@@ -37,12 +37,13 @@ inline Ozr32u hash5(const Ozr8u* p) {
 enum class Table { Narrow12, Narrow13, Wide };  // 16-bit 12-bit hash, 16-bit 13-bit hash, 32-bit
 enum class Dict { InPlace, External };
 
-template <Table T, bool Bounded, bool Accel, Dict D>
+template <Table T, bool Bounded, bool Accel, Dict D, bool Cleared = true>
 struct Config {
     static constexpr Table kTable = T;
     static constexpr bool kBounded = Bounded;
     static constexpr bool kAccel = Accel;
     static constexpr Dict kDict = D;
+    static constexpr bool kClearedTable = Cleared;  // the table was zeroed by this call
 };
 
 struct Job {
@@ -138,7 +139,10 @@ private:
             f = Found{p, ref, static_cast<Ozr32u>(p - ref), nullptr};
             return true;
         } else {
-            if (c < 0) return false;
+            // Only a caller's dictionary table can hold negative entries: the plain
+            // encoders cleared theirs and enter only positions from 0 up.
+            if constexpr (!C::kClearedTable)
+                if (c < 0) return false;
             const Ozr32u dist = posOf(p) - static_cast<Ozr32u>(c);
             if (dist - 1 >= static_cast<Ozr32u>(kMaxDistance)) return false;  // 1..65535
             const Ozr8u* ref;
@@ -336,9 +340,10 @@ inline void encode(Job& j) {
 
 // Plain or bounded encode of the input with the history (if any) in memory before it.
 template <bool Bounded>
-void encodeByWidth(Job& j, bool wide) {
-    if (wide) encode<Config<Table::Wide, Bounded, false, Dict::InPlace>>(j);
-    else encode<Config<Table::Narrow12, Bounded, false, Dict::InPlace>>(j);
+void encodeByWidth(Job& j, bool wide, bool cleared) {
+    if (!wide) encode<Config<Table::Narrow12, Bounded, false, Dict::InPlace>>(j);
+    else if (cleared) encode<Config<Table::Wide, Bounded, false, Dict::InPlace>>(j);
+    else encode<Config<Table::Wide, Bounded, false, Dict::InPlace, false>>(j);
 }
 
 OzrResult clearTable(void* table, int srcLen) {
@@ -359,19 +364,19 @@ OzrResult ownsEncodeLZ4(const Ozr8u* pSrc, int histLen, int srcLen, Ozr8u* pDst,
     OZR_CHECK_NULL(pSrc, pDst, pDstLen, pHashTable);
     OZR_CHECK_POSITIVE(srcLen);
     Job j{pSrc, srcLen, pDst, 0, pHashTable, histLen, nullptr, 0, 1, 0, 0};
-    encode<Config<Table::Wide, false, false, Dict::InPlace>>(j);
+    encode<Config<Table::Wide, false, false, Dict::InPlace, false>>(j);
     *pDstLen = j.written;
     return ozrOk;
 }
 
 // The bounded encoder with the history in place.
 OzrResult ownsEncodeLZ4Safe(const Ozr8u* pSrc, int histLen, int* pSrcLen, Ozr8u* pDst, int* pDstLen,
-                            Ozr8u* pHashTable, bool wide) {
+                            Ozr8u* pHashTable, bool wide, bool cleared) {
     OZR_CHECK_NULL(pSrc, pSrcLen, pDst, pDstLen, pHashTable);
     OZR_CHECK_POSITIVE(*pSrcLen);
     OZR_CHECK_POSITIVE(*pDstLen);
     Job j{pSrc, *pSrcLen, pDst, *pDstLen, pHashTable, histLen, nullptr, 0, 1, 0, 0};
-    encodeByWidth<true>(j, wide);
+    encodeByWidth<true>(j, wide, cleared);
     const bool whole = j.covered == *pSrcLen;
     *pSrcLen = j.covered;
     *pDstLen = j.written;
@@ -384,7 +389,7 @@ OzrResult encodeDict(const Ozr8u* pSrc, int histLen, int* pSrcLen, Ozr8u* pDst, 
                      const Ozr8u* pDict, int dictLen) {
     if (OzrResult st = rebaseTable(pHashTable, histLen); st != ozrOk) return st;
     auto inPlace = [&]() -> OzrResult {
-        if constexpr (Bounded) return ownsEncodeLZ4Safe(pSrc, histLen, pSrcLen, pDst, pDstLen, pHashTable, true);
+        if constexpr (Bounded) return ownsEncodeLZ4Safe(pSrc, histLen, pSrcLen, pDst, pDstLen, pHashTable, true, false);
         else return ownsEncodeLZ4(pSrc, histLen, *pSrcLen, pDst, pDstLen, pHashTable);
     };
     if (pDict == nullptr || dictLen == 0) return inPlace();
@@ -396,7 +401,7 @@ OzrResult encodeDict(const Ozr8u* pSrc, int histLen, int* pSrcLen, Ozr8u* pDst, 
     if (histLen < 0) return ozrErrBadArgument;
 
     Job j{pSrc, *pSrcLen, pDst, Bounded ? *pDstLen : 0, pHashTable, histLen, pDict, dictLen, 1, 0, 0};
-    encode<Config<Table::Wide, Bounded, false, Dict::External>>(j);
+    encode<Config<Table::Wide, Bounded, false, Dict::External, false>>(j);
     const bool whole = j.covered == *pSrcLen;
     *pSrcLen = j.covered;
     *pDstLen = j.written;
@@ -442,7 +447,7 @@ OzrResult m7_ozrsEncodeLZ4_8u(const Ozr8u* pSrc, int srcLen, Ozr8u* pDst, int* p
     OZR_CHECK_NULL(pSrc, pDst, pDstLen, pHashTable);
     OZR_CHECK_POSITIVE(srcLen);
     Job j{pSrc, srcLen, pDst, 0, pHashTable, 0, nullptr, 0, 1, 0, 0};
-    encodeByWidth<false>(j, srcLen >= kSmallInput);
+    encodeByWidth<false>(j, srcLen >= kSmallInput, true);
     *pDstLen = j.written;
     return ozrOk;
 }
@@ -450,7 +455,7 @@ OzrResult m7_ozrsEncodeLZ4_8u(const Ozr8u* pSrc, int srcLen, Ozr8u* pDst, int* p
 OzrResult m7_ozrsEncodeLZ4Safe_8u(const Ozr8u* pSrc, int* pSrcLen, Ozr8u* pDst, int* pDstLen, Ozr8u* pHashTable) {
     OZR_CHECK_NULL(pSrcLen);
     if (OzrResult st = clearTable(pHashTable, *pSrcLen); st != ozrOk) return st;
-    return ownsEncodeLZ4Safe(pSrc, 0, pSrcLen, pDst, pDstLen, pHashTable, *pSrcLen >= kSmallInput);
+    return ownsEncodeLZ4Safe(pSrc, 0, pSrcLen, pDst, pDstLen, pHashTable, *pSrcLen >= kSmallInput, true);
 }
 
 OzrResult m7_ozrsEncodeLZ4Fast_8u(const Ozr8u* pSrc, int srcLen, Ozr8u* pDst, int* pDstLen, Ozr8u* pHashTable,

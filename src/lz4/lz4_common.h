@@ -73,24 +73,44 @@ inline void copyOverlapExact(Ozr8u* d, size_t off, size_t n) {
     for (; i < n; ++i) d[i] = s[i];
 }
 
-// The same for the fast path, which may write up to 15 bytes past d + n.
-inline void copyOverlapWild(Ozr8u* d, size_t off, size_t n) {
-    const Ozr8u* s = d - off;
-    if (off >= 16) {
-        for (size_t i = 0; i < n; i += 16) copy16(d + i, s + i);
-    } else if (off >= 8) {
-        for (size_t i = 0; i < n; i += 8) copy8(d + i, s + i);
-    } else if (off == 1 || off == 2 || off == 4) {
-        // Periods that divide 16: one register holds whole periods.
-        const __m128i v = off == 1 ? _mm_set1_epi8(static_cast<char>(s[0]))
-                        : off == 2 ? _mm_set1_epi16(static_cast<short>(load16le(s)))
-                                   : _mm_set1_epi32(static_cast<int>(load32(s)));
-        for (size_t i = 0; i < n; i += 16) _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i), v);
-    } else {
-        for (size_t i = 0; i < 8; ++i) d[i] = s[i];
-        const size_t p = kPatternStride[off];
-        for (size_t i = 8; i < n; i += 8) copy8(d + i, d + i - p);
+// A period of off (1..7) bytes, held in one 64-bit word: the low off bytes kept
+// (kPeriodMask) and repeated by a multiply (kPeriodRepeat has a 1 every off bytes; the
+// partial products occupy disjoint bytes, so nothing carries).
+struct PeriodTables {
+    Ozr64u mask[8];
+    Ozr64u repeat[8];
+    Ozr8u stride[8];   // bytes of a 16-byte store that are whole periods, 8 at least
+};
+constexpr PeriodTables makePeriodTables() {
+    PeriodTables t{};
+    for (unsigned off = 1; off < 8; ++off) {
+        t.mask[off] = (Ozr64u{1} << (8 * off)) - 1;
+        for (unsigned k = 0; k < 8; k += off) t.repeat[off] |= Ozr64u{1} << (8 * k);
+        // The broadcast word repeats every 8 bytes: 16 bytes stay in phase when the
+        // period divides 8, otherwise only the whole periods of the first 8 do.
+        t.stride[off] = static_cast<Ozr8u>(8 % off == 0 ? 16 : 8 / off * off);
     }
+    return t;
+}
+inline constexpr PeriodTables kPeriod = makePeriodTables();
+
+// The same for the fast path, where 0 < off < 16 and up to 15 bytes past d + n may be
+// written. The pattern is built once in a register and stored at steps of whole
+// periods, so no load waits on a store of this copy: for off 8..15 the 16 bytes at
+// d - off (of which the first off are the period), for off 1..7 the period repeated
+// over 8 bytes and broadcast.
+inline void copyOverlapWild(Ozr8u* d, size_t off, size_t n) {
+    __m128i v;
+    size_t stride;
+    if (off >= 8) {
+        v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(d - off));
+        stride = off;
+    } else {
+        const Ozr64u w = (load64(d - off) & kPeriod.mask[off]) * kPeriod.repeat[off];
+        v = _mm_set1_epi64x(static_cast<long long>(w));
+        stride = kPeriod.stride[off];
+    }
+    for (size_t i = 0; i < n; i += stride) _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i), v);
 }
 
 // Front-to-back copy of n bytes from s to d with any relation between the two: the
