@@ -87,6 +87,39 @@ inline size_t matchLength(const Ozr8u* a, const Ozr8u* b, const Ozr8u* bEnd) {
     return size_t(b - b0);
 }
 
+// Short match forms, by distance class (0: distance - 1 below 2048, 1: below 16384,
+// 2: beyond) and length 3..34: byte 0 the code byte with the length, byte 1 the shift
+// that places the distance field, byte 2 the mask of the distance's low bits kept in
+// the code byte (M2 only), byte 3 the instruction's size.
+struct FormRows {
+    Ozr32u v[3 * 32];
+};
+constexpr FormRows makeMatchForms() {
+    FormRows r{};
+    for (Ozr32u cls = 0; cls < 3; ++cls)
+        for (Ozr32u len = 3; len < 35; ++len) {
+            Ozr32u f;
+            if (cls == 0 && len <= 8)
+                f = ((len - 1) << 5) | (5u << 8) | (0x1Cu << 16) | (2u << 24);
+            else if (cls < 2)
+                f = (32 | (len - 2)) | (10u << 8) | (3u << 24);
+            else
+                f = (16 | ((len - 2) & 7)) | (10u << 8) | (3u << 24);
+            r.v[cls * 32 + len - 3] = f;
+        }
+    return r;
+}
+constexpr FormRows kMatchForms = makeMatchForms();
+struct ClassRow {
+    Ozr8u v[24];
+};
+constexpr ClassRow makeDistClass() {
+    ClassRow r{};
+    for (int k = 0; k < 24; ++k) r.v[k] = Ozr8u(k == 0 ? 0 : k < 8 ? 1 : 2);
+    return r;
+}
+constexpr ClassRow kDistClass = makeDistClass();
+
 // Writes instructions into [start, end). Bounded: every instruction is checked for room
 // before its first byte is written, and a write that does not fit fails with nothing of
 // it written. Unbounded: the caller made sure the room covers the worst case.
@@ -191,12 +224,15 @@ public:
 
     // A literal run of lit >= 0 bytes from p followed by a match (as `match`). The
     // common case (not the stream's first run, a run of at most 18, a match in its
-    // short form, room for 40 bytes behind op_ and 32 readable bytes at p) is written
-    // here in one piece, with whole 16-byte literal moves and one branch on the form.
+    // short form, room for 41 bytes behind op_ and 32 readable bytes at p, which the
+    // caller may vouch for with InputSlack) is written here in one piece, with whole
+    // 16-byte literal moves and no branch on the run's or the match's form.
+    template <bool InputSlack = false>
     __attribute__((always_inline)) bool runAndMatch(const Ozr8u* p, size_t lit, size_t len, size_t dist,
                                                     const Ozr8u* inEnd) {
-        if (__builtin_expect(size_t(op_ - start_ - 1) < fastSpan_ && lit <= 18 && size_t(inEnd - p) >= 32 &&
-                                 (len <= 9 || (len <= 33 && dist <= kM3MaxDistance)),
+        const size_t shortMax = dist <= kM3MaxDistance ? 33 : 9;
+        if (__builtin_expect(size_t(op_ - start_ - 1) < fastSpan_ && lit <= 18 &&
+                                 (InputSlack || size_t(inEnd - p) >= 32) && len <= shortMax,
                              1)) {
             const size_t inDistance = size_t(0) - size_t(lit <= 3);  // all ones or zero
             Ozr8u* op = op_;
@@ -206,23 +242,19 @@ public:
             copy16(op, p);
             if (lit > 16) copy16(op + 16, p + 16);
             op += lit;
+            // The match's form without a branch (which form comes next depends on the
+            // data and was mispredicted about once in three matches): the distance
+            // class picks a row of kMatchForms, the length its entry.
             const size_t d1 = dist - 1;
-            if (len <= 8 && dist <= kM2MaxDistance) {
-                const Ozr8u b0 = Ozr8u(((len - 1) << 5) | ((d1 & 7) << 2));
-                op[0] = b0;
-                op[1] = Ozr8u(d1 >> 3);
-                countByte_ = b0;
-                op += 2;
-            } else if (dist <= kM3MaxDistance) {
-                store4(op, Ozr32u(32 | (len - 2) | (d1 << 10)));
-                countByte_ = Ozr8u(d1 << 2);
-                op += 3;
-            } else {
-                const size_t d = dist - kM3MaxDistance;
-                store4(op, Ozr32u(16 | ((d >> 11) & 8) | (len - 2) | ((d & 0x3FFF) << 10)));
-                countByte_ = Ozr8u(d << 2);
-                op += 3;
-            }
+            const size_t cls = kDistClass.v[d1 >> 11];
+            const Ozr32u f = kMatchForms.v[cls * 32 + len - 3];
+            const Ozr32u e = Ozr32u((d1 + (cls >> 1)) & 0x3FFF);
+            const Ozr32u v = (f & 0xFF) | ((e << ((f >> 8) & 31)) & 0xFFFF00) | ((e << 2) & (f >> 16) & 0x1C) |
+                             Ozr32u((dist >> 12) & 8);
+            store4(op, v);
+            const size_t size = f >> 24;
+            countByte_ = Ozr8u(v >> ((size - 2) * 8));
+            op += size;
             op_ = op;
             return true;
         }
@@ -445,7 +477,9 @@ bool encodeFast(const Ozr8u* const in, size_t n, Writer<Bounded>& out, Ozr16u* t
                 const size_t c = table[h];
                 table[h] = Ozr16u(i);
                 const bool hit = load4(base + c) == w;
-                if (!out.runAndMatch(ii, size_t(ip - ii), len, at - cand, inEnd)) return false;
+                // The search stops 20 bytes before the segment end, so 32 bytes are
+                // readable from the start of any run of up to 18 literals before a match.
+                if (!out.template runAndMatch<true>(ii, size_t(ip - ii), len, at - cand, inEnd)) return false;
                 ii = base + i;
                 if (i >= limit) goto segmentDone;
                 if (hit) {
