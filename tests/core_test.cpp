@@ -10,15 +10,9 @@
 #include <vector>
 
 #include "m7.h"
+#include "test_data.h"
 
 namespace {
-
-std::vector<Ozr8u> randomBytes(size_t n, unsigned seed) {
-    std::mt19937 rng(seed);
-    std::vector<Ozr8u> b(n);
-    for (auto& x : b) x = static_cast<Ozr8u>(rng());
-    return b;
-}
 
 // ---- Copy, move, fill, clear kernels -----------------------------------------------
 

@@ -16,21 +16,6 @@
 
 namespace {
 
-
-
-Bytes textBytes(size_t n, uint32_t seed) {
-    static const char* words[] = {"the ", "of ", "and ", "compression ", "block ", "a ", "to ", "stream ",
-                                  "Mr. Pickwick ", "said ", "little ", "in ", "that ", "it ", "was ", ".\n"};
-    std::mt19937 r(seed);
-    Bytes b;
-    while (b.size() < n) {
-        const char* w = words[std::min(r() % 16, r() % 16)];
-        b.insert(b.end(), w, w + std::strlen(w));
-    }
-    b.resize(n);
-    return b;
-}
-
 Bytes repetitiveBytes(size_t n, uint32_t seed) {
     std::mt19937 r(seed);
     Bytes b;

@@ -21,25 +21,9 @@
 
 namespace {
 
-
 struct LzoInit {
     LzoInit() { lzo_init(); }
 } lzoInit;
-
-
-// Words with a skewed choice: compresses about like English text.
-Bytes textBytes(size_t n, unsigned seed) {
-    static const char* words[] = {"the ", "of ", "and ", "compression ", "stream ", "a ", "little ", "block ",
-                                  "Mr. Pickwick ", "said ", "to ", "in ", "was ", "upon ", "\n", "very "};
-    std::mt19937 g(seed);
-    Bytes b;
-    while (b.size() < n) {
-        unsigned a = g() % 16, c = g() % 16;
-        for (const char* w = words[a < c ? a : c]; *w; ++w) b.push_back(Ozr8u(*w));
-    }
-    b.resize(n);
-    return b;
-}
 
 // Records of small integers with runs of zeros: binary-file-like, long matches at all
 // distances.
