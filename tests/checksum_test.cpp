@@ -3,6 +3,7 @@
 // checks, and the `ozrdc checksum` command.
 #include <gtest/gtest.h>
 
+#include "checksum_ref.h"
 #include "test_data.h"
 #include <isa-l/crc.h>
 #include <sys/mman.h>
@@ -24,42 +25,7 @@
 
 namespace {
 
-
-
 const Ozr8u* digits() { return reinterpret_cast<const Ozr8u*>("123456789"); }
-
-// ---- Bitwise references (one bit per step, straight from the definitions) ----------
-
-Ozr32u refReflected(Ozr32u poly, Ozr32u reg, const Ozr8u* p, size_t n) {
-    for (size_t i = 0; i < n; ++i) {
-        reg ^= p[i];
-        for (int b = 0; b < 8; ++b) reg = (reg >> 1) ^ ((reg & 1) ? poly : 0);
-    }
-    return reg;
-}
-
-// zlib convention: start 0, the stored value is the finished CRC.
-Ozr32u refCRC32(Ozr32u crc, const Ozr8u* p, size_t n) { return ~refReflected(0xEDB88320u, ~crc, p, n); }
-// Register as it is (no inversion).
-Ozr32u refCRC32C(Ozr32u reg, const Ozr8u* p, size_t n) { return refReflected(0x82F63B78u, reg, p, n); }
-// MSB-first polynomial 0x04C11DB7, bzip2's init/xorout of all ones.
-Ozr32u refBZ2(Ozr32u crc, const Ozr8u* p, size_t n) {
-    Ozr32u reg = ~crc;
-    for (size_t i = 0; i < n; ++i) {
-        reg ^= Ozr32u(p[i]) << 24;
-        for (int b = 0; b < 8; ++b) reg = (reg << 1) ^ ((reg & 0x80000000u) ? 0x04C11DB7u : 0);
-    }
-    return ~reg;
-}
-// Adler-32 from any incoming value, halves unreduced, in 64 bits.
-Ozr32u refAdler(Ozr32u v, const Ozr8u* p, long n) {
-    Ozr64u a = v & 0xFFFF, b = v >> 16;
-    for (long i = 0; i < n; ++i) {
-        a += p[i];
-        b += a;
-    }
-    return Ozr32u((b % 65521) << 16 | (a % 65521));
-}
 
 // The library's bzip2 CRC as libbz2 computes it: the block CRC in the header of a
 // one-block stream (bytes 10..13, big-endian, after "BZh9" and the block magic).
@@ -96,9 +62,9 @@ TEST(Tables, SlicingRuleMatchesBitwiseContributionOfByteWithTrailingZeros) {
     for (int k = 0; k < 8; ++k)
         for (int i = 0; i < 256; ++i) {
             Ozr8u msg[8] = {Ozr8u(i)};
-            ASSERT_EQ(crc32.v[256 * k + i], refReflected(kPolyCRC32, 0, msg, k + 1)) << k << " " << i;
-            if (k < 4) ASSERT_EQ(crc32c.v[256 * k + i], refReflected(kPolyCRC32C, 0, msg, k + 1)) << k << " " << i;
-            ASSERT_EQ(bz2.v[256 * k + i], byteSwap(~refBZ2(~0u, msg, k + 1))) << k << " " << i;
+            ASSERT_EQ(crc32.v[256 * k + i], ref::reflected(kPolyCRC32, 0, msg, k + 1)) << k << " " << i;
+            if (k < 4) ASSERT_EQ(crc32c.v[256 * k + i], ref::reflected(kPolyCRC32C, 0, msg, k + 1)) << k << " " << i;
+            ASSERT_EQ(bz2.v[256 * k + i], byteSwap(~ref::bz2(~0u, msg, k + 1))) << k << " " << i;
         }
 }
 
@@ -113,9 +79,9 @@ void expectAdvanceIsBitwisePassOverZeros(const Ozr32u* T0, int kind) {
     for (int k = 0; k < 4; ++k)
         for (Ozr32u i = 0; i < 256; ++i) {
             const Ozr32u r = i << (8 * k);
-            const Ozr32u want = kind == 0   ? refReflected(kPolyCRC32, r, zeros, N)
-                                : kind == 1 ? refReflected(kPolyCRC32C, r, zeros, N)
-                                            : byteSwap(~refBZ2(~byteSwap(r), zeros, N));
+            const Ozr32u want = kind == 0   ? ref::reflected(kPolyCRC32, r, zeros, N)
+                                : kind == 1 ? ref::reflected(kPolyCRC32C, r, zeros, N)
+                                            : byteSwap(~ref::bz2(~byteSwap(r), zeros, N));
             ASSERT_EQ(z.v[256 * k + i], want) << "N=" << N << " k=" << k << " i=" << i;
         }
 }
@@ -173,7 +139,7 @@ TEST(Agreement, CRC32CEqualsBitwiseReferenceAndIsal) {
             Ozr8u* p = buf.data() + off;
             Ozr32u got = oursC(0xFFFFFFFFu, p, n);
             ASSERT_EQ(got, crc32_iscsi(p, static_cast<int>(n), 0xFFFFFFFFu)) << "n=" << n << " off=" << off;
-            if (n <= 5552) ASSERT_EQ(got, refCRC32C(0xFFFFFFFFu, p, n)) << "n=" << n << " off=" << off;
+            if (n <= 5552) ASSERT_EQ(got, ref::crc32c(0xFFFFFFFFu, p, n)) << "n=" << n << " off=" << off;
         }
 }
 
@@ -182,7 +148,7 @@ TEST(Agreement, BZ2CRCEqualsBitwiseReferenceAtEveryLengthAndOffset) {
     for (size_t n : lengths())
         for (size_t off = 0; off < 16; ++off) {
             const Ozr8u* p = buf.data() + off;
-            ASSERT_EQ(ours(ozrsCRC32_BZ2_8u, 0xCAFEF00Du, p, n), refBZ2(0xCAFEF00Du, p, n))
+            ASSERT_EQ(ours(ozrsCRC32_BZ2_8u, 0xCAFEF00Du, p, n), ref::bz2(0xCAFEF00Du, p, n))
                 << "n=" << n << " off=" << off;
         }
 }
@@ -210,7 +176,7 @@ TEST(Agreement, Adler32LaneSumsDoNotOverflowOnAllOnesBytes) {
     Bytes ff(3 * 5536 + 100, 0xFF);
     for (size_t n : {5536u, 5536u + 16u, 5552u, 5553u, 3u * 5536u + 99u})
         for (Ozr32u start : {1u, 0xFFF0FFF0u, 0xFFFFFFFFu}) {
-            ASSERT_EQ(ours(ozrsAdler32_8u, start, ff.data() + 1, n), refAdler(start, ff.data() + 1, long(n)))
+            ASSERT_EQ(ours(ozrsAdler32_8u, start, ff.data() + 1, n), ref::adler(start, ff.data() + 1, long(n)))
                 << n << " " << start;
             if (start == 1) ASSERT_EQ(ours(ozrsAdler32_8u, 1, ff.data(), n), adler32(1, ff.data(), uInt(n)));
         }
@@ -303,7 +269,7 @@ Ozr32u crc32cOverZeros(Ozr32u reg, Ozr64u n) {
     };
     M step{};
     const Ozr8u zero = 0;
-    for (int i = 0; i < 32; ++i) step.col[i] = refCRC32C(1u << i, &zero, 1);
+    for (int i = 0; i < 32; ++i) step.col[i] = ref::crc32c(1u << i, &zero, 1);
     for (; n; n >>= 1) {
         if (n & 1) reg = step.apply(reg);
         M sq{};
@@ -362,10 +328,10 @@ TEST(Tool, ChecksumPrintsValueBytesAndNameForEachAlgorithm) {
                   path);
     EXPECT_EQ(run(tool + " checksum -a adler32 " + name, &status), expect);
 
-    std::snprintf(expect, sizeof expect, "%08x %zu %s\n", ~refCRC32C(~0u, b.data(), b.size()), b.size(), path);
+    std::snprintf(expect, sizeof expect, "%08x %zu %s\n", ~ref::crc32c(~0u, b.data(), b.size()), b.size(), path);
     EXPECT_EQ(run(tool + " checksum -a crc32c " + name, &status), expect) << "the standard, complemented CRC-32C";
 
-    std::snprintf(expect, sizeof expect, "%08x %zu %s\n", refBZ2(0, b.data(), b.size()), b.size(), path);
+    std::snprintf(expect, sizeof expect, "%08x %zu %s\n", ref::bz2(0, b.data(), b.size()), b.size(), path);
     EXPECT_EQ(run(tool + " checksum -a crc32-bzip2 " + name, &status), expect);
 
     std::snprintf(expect, sizeof expect, "%08x %zu -\n", unsigned(crc32(0, b.data(), uInt(b.size()))), b.size());
