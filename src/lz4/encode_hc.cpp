@@ -18,7 +18,9 @@
 // LZ4 every offset costs the same two bytes, so the longest match stands for all), and
 // the cheapest path in bytes is chosen, literals priced with their run-length bytes.
 // Levels differ in how many chain links are followed and in the match length that is
-// taken at once without parsing around it.
+// taken at once without parsing around it. The default level takes 64-byte matches at
+// once but still walks on for the longest one: a long match cut short by the first
+// candidate of 64 bytes costs more than the walk.
 #include "lz4_common.h"
 
 namespace m7::lz4 {
@@ -63,12 +65,13 @@ struct Level {
     bool fullSearch = false;  // search every position of the window
     int innerSearches = 0;    // chain links inside a parse window (0: as searches)
     int chainBytes = 5;       // length of the strings the chains link
+    int searchStop = 0;       // a chain walk stops at a match this long (0: sufficient)
 };
 constexpr Level kLevels[13] = {
     {0, 0, false},                                                       // 0: unused (default)
     {4, 16, false},     {8, 16, false},    {16, 32, false},  {32, 32, false},
     {64, 64, false},    {128, 64, false},  {256, 64, false}, {512, 128, false},
-    {32, 128, true, false, 24},     {256, 256, true, false, 0, 4},  {1024, 1024, true, false, 0, 4},
+    {64, 64, true, false, 48, 5, kMaxSufficient},  {256, 256, true, false, 0, 4},  {1024, 1024, true, false, 0, 4},
     {16384, 4096, true, true, 0, 4},
 };
 constexpr int kDefaultLevel = 9;
@@ -169,7 +172,7 @@ private:
         const Ozr8u* const base = base_;
         const Ozr32u lowIdx = lowIdx_;
         const Ozr8u* const matchLimit = matchLimit_;
-        const size_t sufficient = static_cast<size_t>(lv_.sufficient);
+        const size_t sufficient = static_cast<size_t>(lv_.searchStop > 0 ? lv_.searchStop : lv_.sufficient);
         const Ozr32u head4 = load32(ip);
         const size_t room = static_cast<size_t>(matchLimit - ip);
         size_t best = minLen < room ? minLen : room;
@@ -215,6 +218,11 @@ private:
         for (int n = searches > 0 ? searches : lv_.searches; n > 0; --n) {
             if (idx < lowIdx || ipIdx - idx > static_cast<Ozr32u>(kMaxDistance)) break;
             const Ozr8u* ref = base + (idx - kBias);
+            // The next candidate is known before this one is compared: its bytes are
+            // on their way while the comparison's branch resolves.
+            Ozr32u next = idx + shift - chain[(idx + shift) & 0xFFFF] - shift;
+            _mm_prefetch(reinterpret_cast<const char*>(reinterpret_cast<uintptr_t>(base) + (next - kBias) + best - 3),
+                         _MM_HINT_T0);
             if (period != 0 && shift == 0 && load32(ref) == head4) {
                 const Ozr8u* const runEnd = ref + period + countEqual(ref + period, ref, matchLimit);
                 const Ozr8u* const runStart = ref - countBackPeriodic(ref, period, lowest);
@@ -254,10 +262,10 @@ private:
                         const Ozr32u d = chain[(idx + k) & 0xFFFF];
                         if (d > far) far = d, shift = k;
                     }
+                    next = idx + shift - chain[(idx + shift) & 0xFFFF] - shift;
                 }
             }
-            const Ozr32u at = idx + shift;
-            idx = at - chain[at & 0xFFFF] - shift;
+            idx = next;
         }
         *off = bestOff;
         return best > minLen && best >= kMinMatch ? static_cast<int>(best) : 0;
