@@ -173,7 +173,8 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
                     copy16(op, q);
                     copy16(op + 16, q + 16);
                     copy16(op + 32, q + 32);
-                    for (size_t i = 48; i < ml; i += 32) {
+                    copy16(op + 48, q + 48);
+                    for (size_t i = 64; i < ml; i += 32) {
                         copy16(op + i, q + i);
                         copy16(op + i + 16, q + i + 16);
                     }
