@@ -7,9 +7,9 @@
 //
 // One core serves the three history arrangements (none, a prefix lying in memory
 // before the output, an external dictionary standing virtually at the start of the
-// output buffer). It runs a fast loop while at least 32 input and 64 output bytes are
-// left, where copies may overrun a run by up to 32 bytes, and a careful loop near the
-// ends that stops at well-defined points:
+// output buffer). It runs a fast loop while at least 64 input and 64 output bytes are
+// left, where copies may overrun a run, and a careful loop near the ends that stops at
+// well-defined points:
 //   - a lone trailing byte at a token boundary is never read;
 //   - output that fills inside a run writes what fits and warns ozrWarnDstSizeLess;
 //   - a literal run cut off by the input's end, or ending in the last 7 input bytes
@@ -36,6 +36,12 @@ struct HistoryView {
 };
 
 constexpr size_t kMaxLength = 0x7FFFFFFF;
+
+// The fast loop keeps this many bytes between its position and either end, so that its
+// blind copies (up to 64 bytes from a run's start, or 31 past a run's end) stay inside
+// both buffers.
+constexpr size_t kFastSrcMargin = 64;
+constexpr size_t kFastDstMargin = 64;
 
 // Copies a match of length n that starts `off` bytes behind op. Exact: writes only
 // op[0, n). For an external dictionary the virtual bytes pDst[0, dictSize) are read
@@ -94,10 +100,10 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
         return (o - hv.base) - static_cast<ptrdiff_t>(off) < static_cast<ptrdiff_t>(hv.dictSize);
     };
 
-    // ---- Fast loop: at least 32 input bytes and 64 output bytes left. ----
-    if (srcLen > 32 && dstCap > 64) {
-        const Ozr8u* const srcFastEnd = srcEnd - 32;
-        Ozr8u* const dstFastEnd = dstEnd - 64;
+    // ---- Fast loop: at least kFastSrcMargin input and kFastDstMargin output bytes left. ----
+    if (srcLen > kFastSrcMargin && dstCap > kFastDstMargin) {
+        const Ozr8u* const srcFastEnd = srcEnd - kFastSrcMargin;
+        Ozr8u* const dstFastEnd = dstEnd - kFastDstMargin;
         while (ip < srcFastEnd && op < dstFastEnd) {
             const Ozr8u* const seqIp = ip;
             Ozr8u* const seqOp = op;
@@ -108,14 +114,21 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
                 // so a match follows.
                 copy16(op, ip);
             } else {
-                lit = readLengthExt(ip, srcFastEnd, lit);
+                // The first extension byte lies inside the input (ip <= srcFastEnd).
+                const unsigned b = *ip++;
+                lit += b;
+                if (__builtin_expect(b == 255, 0)) lit = readLengthExt(ip, srcFastEnd, lit);
                 if (lit > static_cast<size_t>(srcFastEnd - ip) || lit > static_cast<size_t>(dstFastEnd - op)) {
                     ip = seqIp, op = seqOp;
                     break;
                 }
+                // At least 15 bytes, most below 65 on binary data: four 16-byte steps
+                // without a loop; the checks above leave 64 bytes of room past the run.
                 copy16(op, ip);
                 copy16(op + 16, ip + 16);
-                for (size_t i = 32; i < lit; i += 32) {
+                copy16(op + 32, ip + 32);
+                copy16(op + 48, ip + 48);
+                for (size_t i = 64; i < lit; i += 32) {
                     copy16(op + i, ip + i);
                     copy16(op + i + 16, ip + i + 16);
                 }
@@ -167,8 +180,10 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
                     }
                 }
                 if (__builtin_expect(off >= 16, 1)) {
-                    // At least 19 bytes: three 16-byte steps cover up to 48 without a
-                    // loop (the room check above leaves 45 bytes past the match).
+                    // At least 19 bytes: four 16-byte steps cover up to 64 without a
+                    // loop, which takes the "longer than 48" branch (as unpredictable
+                    // as the extension itself on record-like data) off the common
+                    // case. The room check above leaves 64 bytes past the match.
                     const Ozr8u* q = op - off;
                     copy16(op, q);
                     copy16(op + 16, q + 16);
