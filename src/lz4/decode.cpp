@@ -107,14 +107,18 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
         while (ip < srcFastEnd && op < dstFastEnd) {
             const Ozr8u* const seqIp = ip;
             Ozr8u* const seqOp = op;
-            const unsigned token = *ip++;
+            const unsigned token = *ip;
             size_t lit = token >> 4;
             if (__builtin_expect(lit < kRunMask, 1)) {
                 // At most 14 literals; they end at least 18 bytes before the input's end,
-                // so a match follows.
-                copy16(op, ip);
+                // so a match follows. The step past the token and the offset is added
+                // before the literal length, which keeps the token-to-token chain at a
+                // load, a shift and an add.
+                copy16(op, ip + 1);
+                ip += 3;
             } else {
                 // The first extension byte lies inside the input (ip <= srcFastEnd).
+                ++ip;
                 const unsigned b = *ip++;
                 lit += b;
                 if (__builtin_expect(b == 255, 0)) lit = readLengthExt(ip, srcFastEnd, lit);
@@ -132,12 +136,12 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
                     copy16(op + i, ip + i);
                     copy16(op + i + 16, ip + i + 16);
                 }
+                ip += 2;
             }
             op += lit;
             ip += lit;
 
-            const size_t off = load16le(ip);
-            ip += 2;
+            const size_t off = load16le(ip - 2);
             if (__builtin_expect(!offsetValid(op, off), 0)) return ozrErrFailed;
             size_t ml = token & kRunMask;
             if (__builtin_expect(ml != kRunMask, 1)) {
