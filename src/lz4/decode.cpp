@@ -91,7 +91,7 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
     // would make the compiler reload it after every copy.
     const HistoryView hv = h;
     // A match source q = op - off is valid when off <= (op - dstStart) + reach.
-    const ptrdiff_t reach = hv.reach;
+    const ptrdiff_t reach = H == History::None ? 0 : hv.reach;
     auto offsetValid = [reach, dstStart](const Ozr8u* o, size_t off) -> bool {
         return static_cast<ptrdiff_t>(off) <= (o - dstStart) + reach;
     };
