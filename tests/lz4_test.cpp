@@ -2,6 +2,8 @@
 // through liblz4's decoder, exact block shapes, bounded output, every status.
 #include <gtest/gtest.h>
 
+#include "../fuzz/guarded.h"
+#include "lz4_ref.h"
 #include "test_data.h"
 #include <lz4.h>
 #include <lz4hc.h>
@@ -590,47 +592,6 @@ TEST(LZ4Decode, EveryCapacityAndCutOfASmallBlock) {
     }
 }
 
-// A byte-at-a-time decoder that follows the stop rules literally and has no fast path:
-// `reach` bytes before dst are history. Counts are -1 for the errors that leave them.
-struct ModelResult {
-    OzrResult st;
-    int srcLen, dstLen;
-};
-ModelResult modelDecode(const uint8_t* src, size_t srcLen, uint8_t* dst, size_t cap, size_t reach) {
-    size_t ip = 0, op = 0;
-    const OzrResult last = srcLen == 1 ? ozrWarnSrcSizeLess : ozrOk;
-    auto stop = [&](OzrResult st) { return ModelResult{st, static_cast<int>(ip), static_cast<int>(op)}; };
-    auto length = [&](size_t len) {
-        while (ip < srcLen) {
-            const uint8_t b = src[ip++];
-            len += b;
-            if (b != 255) break;
-        }
-        return len;
-    };
-    auto copyLiterals = [&](size_t n) {
-        for (; n > 0 && ip < srcLen && op < cap; --n) dst[op++] = src[ip++];
-    };
-    for (;;) {
-        if (ip + 1 >= srcLen) return stop(last);
-        const uint8_t token = src[ip++];
-        size_t lit = token >> 4;
-        if (lit == 15 && (lit = length(lit)) > 0x7FFFFFFF) return {ozrErrSize, -1, -1};
-        if (lit > cap - op) return copyLiterals(lit), stop(ozrWarnDstSizeLess);
-        if (lit != srcLen - ip && lit + 8 > srcLen - ip) return copyLiterals(lit), stop(ozrWarnSrcSizeLess);
-        copyLiterals(lit);
-        if (ip >= srcLen || op >= cap) return stop(last);
-        const size_t off = src[ip] | src[ip + 1] << 8;
-        ip += 2;
-        if (off > op + reach) return {ozrErrFailed, -1, -1};
-        size_t ml = token & 15;
-        if (ml == 15) ml = length(ml);
-        if ((ml += 4) > 0x7FFFFFFF) return {ozrErrSize, -1, -1};
-        for (; ml > 0 && op < cap; --ml, ++op) dst[op] = dst[op - off];
-        if (ml > 0) return stop(ozrWarnDstSizeLess);
-    }
-}
-
 TEST(LZ4Decode, FastLoopAgreesWithAByteExactModelOnDamagedBlocks) {
     // Whole, cut, squeezed and corrupted blocks: the fast loop's hand-over to the exact
     // copies must not change a status, a count or a byte, with and without a prefix.
@@ -682,10 +643,12 @@ TEST(LZ4Decode, FastLoopAgreesWithAByteExactModelOnDamagedBlocks) {
                 Bytes want(kPrefix + cap, 0), got(kPrefix + cap + 64, 0);
                 std::memcpy(want.data(), history.data(), kPrefix);
                 std::memcpy(got.data(), history.data(), kPrefix);
-                const ModelResult m = modelDecode(block.data(), len, want.data() + kPrefix, cap, reach);
+                const ref::Lz4Result m = ref::lz4Decode(block.data(), len, want.data() + kPrefix, cap, reach);
+                // The block ends right before an unmapped page: a read past it faults.
+                GuardedBuffer in(block.data(), len);
                 int sl = static_cast<int>(len), dl = static_cast<int>(cap);
                 // A dictionary that ends where the output starts is the prefix decoder.
-                const OzrResult st = m7_ozrsDecodeLZ4Dict_8u(block.data(), &sl, got.data(), kPrefix, &dl,
+                const OzrResult st = m7_ozrsDecodeLZ4Dict_8u(in.data(), &sl, got.data(), kPrefix, &dl,
                                                              reach ? got.data() : nullptr, static_cast<int>(reach));
                 ASSERT_EQ(st, m.st) << "trial " << trial << " len " << len << " cap " << cap << " reach " << reach;
                 if (m.srcLen < 0) {
@@ -695,7 +658,8 @@ TEST(LZ4Decode, FastLoopAgreesWithAByteExactModelOnDamagedBlocks) {
                 }
                 ASSERT_EQ(sl, m.srcLen) << "trial " << trial;
                 ASSERT_EQ(dl, m.dstLen) << "trial " << trial;
-                ASSERT_TRUE(std::equal(want.begin(), want.begin() + kPrefix + dl, got.begin())) << "trial " << trial;
+                if (!m.selfCopy)
+                    ASSERT_TRUE(std::equal(want.begin(), want.begin() + kPrefix + dl, got.begin())) << "trial " << trial;
                 ++cases;
             }
         }

@@ -122,7 +122,9 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
                 const unsigned b = *ip++;
                 lit += b;
                 if (__builtin_expect(b == 255, 0)) lit = readLengthExt(ip, srcFastEnd, lit);
-                if (lit > static_cast<size_t>(srcFastEnd - ip) || lit > static_cast<size_t>(dstFastEnd - op)) {
+                // Signed: ip may stand one byte past srcFastEnd after the first
+                // extension byte.
+                if (static_cast<ptrdiff_t>(lit) > srcFastEnd - ip || static_cast<ptrdiff_t>(lit) > dstFastEnd - op) {
                     ip = seqIp, op = seqOp;
                     break;
                 }
