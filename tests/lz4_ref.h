@@ -50,7 +50,7 @@ inline Lz4Result lz4Decode(const uint8_t* src, size_t srcLen, uint8_t* dst, size
         size_t ml = token & 15;
         if (ml == 15) ml = length(ml);
         if ((ml += 4) > 0x7FFFFFFF) return fail(ozrErrSize);
-        for (; ml > 0 && op < cap; --ml, ++op) dst[op] = dst[op - off];
+        for (; ml > 0 && op < cap; --ml, ++op) dst[op] = dst[static_cast<ptrdiff_t>(op) - static_cast<ptrdiff_t>(off)];
         if (ml > 0) return stop(ozrWarnDstSizeLess);
     }
 }

@@ -92,7 +92,7 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
     const HistoryView hv = h;
     // A match source q = op - off is valid when off <= (op - dstStart) + reach.
     const ptrdiff_t reach = H == History::None ? 0 : hv.reach;
-    auto offsetValid = [reach, dstStart](const Ozr8u* o, size_t off) -> bool {
+    auto offsetValid = [=](const Ozr8u* o, size_t off) -> bool {
         return static_cast<ptrdiff_t>(off) <= (o - dstStart) + reach;
     };
     // External dictionary: does the match start in the dictionary's virtual bytes?
