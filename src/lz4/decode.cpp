@@ -110,7 +110,7 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
             const unsigned token = *ip;
             size_t lit = token >> 4;
             if (__builtin_expect(lit < kRunMask, 1)) {
-                // At most 14 literals; they end at least 18 bytes before the input's end,
+                // At most 14 literals; they end at least 50 bytes before the input's end,
                 // so a match follows. The step past the token and the offset is added
                 // before the literal length, which keeps the token-to-token chain at a
                 // load, a shift and an add.
@@ -168,7 +168,7 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
                     copyOverlapWild(op, off, ml);
                 }
             } else {
-                // The first extension byte lies inside the input (ip <= srcEnd - 16).
+                // The first extension byte lies inside the input (ip <= srcEnd - 47).
                 const unsigned b = *ip++;
                 ml += b;
                 if (__builtin_expect(b == 255, 0)) ml = readLengthExt(ip, srcFastEnd, ml);
