@@ -1,11 +1,14 @@
 // The LZ4 block decoder with a prefix (history right before the output): the
 // prefix and output share one heap block, so a read before the prefix or a write
 // past the capacity is caught by AddressSanitizer; the input ends before an
-// unmapped page. Bytes 0-1: capacity; byte 2: prefix size / 4.
+// unmapped page. Bytes 0-1: capacity; byte 2: prefix size / 4. Status, counts and
+// bytes must be those of the byte-at-a-time reference with the same history.
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
+#include "../tests/lz4_ref.h"
 #include "guarded.h"
 #include "m7.h"
 
@@ -19,5 +22,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int sl = static_cast<int>(in.size()), dl = cap;
     OzrResult st = m7_ozrsDecodeLZ4Dict_8u(in.data(), &sl, buf.data(), prefix, &dl, buf.data(), prefix);
     if (st >= 0 && (dl < 0 || dl > cap || sl < 0 || sl > static_cast<int>(in.size()))) std::abort();
+
+    std::vector<uint8_t> want(static_cast<size_t>(prefix + cap));
+    std::memcpy(want.data(), buf.data(), static_cast<size_t>(prefix));
+    const ref::Lz4Result m = ref::lz4Decode(in.data(), in.size(), want.data() + prefix, static_cast<size_t>(cap),
+                                            static_cast<size_t>(prefix));
+    if (st != m.st) std::abort();
+    if (m.srcLen < 0) return 0;
+    if (sl != m.srcLen || dl != m.dstLen) std::abort();
+    if (!m.selfCopy && std::memcmp(buf.data() + prefix, want.data() + prefix, static_cast<size_t>(dl)) != 0)
+        std::abort();
     return 0;
 }

@@ -2,10 +2,13 @@
 // through liblz4's decoder, exact block shapes, bounded output, every status.
 #include <gtest/gtest.h>
 
+#include "../fuzz/guarded.h"
+#include "lz4_ref.h"
 #include "test_data.h"
 #include <lz4.h>
 #include <lz4hc.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <random>
@@ -587,6 +590,81 @@ TEST(LZ4Decode, EveryCapacityAndCutOfASmallBlock) {
             EXPECT_EQ(out.head(dl), Bytes(in.begin(), in.begin() + dl)) << cut;
         }
     }
+}
+
+TEST(LZ4Decode, FastLoopAgreesWithAByteExactModelOnDamagedBlocks) {
+    // Whole, cut, squeezed and corrupted blocks: the fast loop's hand-over to the exact
+    // copies must not change a status, a count or a byte, with and without a prefix.
+    std::mt19937 r(11);
+    std::vector<Bytes> blocks;
+    for (uint32_t seed : {1u, 2u, 3u}) {
+        blocks.push_back(ourEncode(textBytes(6000, seed)));
+        blocks.push_back(ourEncode(repetitiveBytes(6000, seed)));
+    }
+    blocks.push_back(ourEncode(randomBytes(3000, 4)));
+    constexpr size_t kPrefix = 1000;
+    const Bytes history = randomBytes(kPrefix, 5);
+    // Where each match offset of a block lies, and how much output precedes the match.
+    auto matches = [](const Bytes& b) {
+        std::vector<std::pair<size_t, size_t>> at;
+        size_t ip = 0, op = 0;
+        auto length = [&](size_t len) {
+            for (uint8_t c = 255; c == 255;) len += c = b[ip++];
+            return len;
+        };
+        for (;;) {
+            const uint8_t token = b[ip++];
+            const size_t lit = (token >> 4) == 15 ? length(15) : token >> 4;
+            ip += lit, op += lit;
+            if (ip >= b.size()) return at;
+            at.emplace_back(ip, op);
+            ip += 2;
+            op += ((token & 15) == 15 ? length(15) : token & 15) + 4;
+        }
+    };
+    int cases = 0;
+    for (const Bytes& whole : blocks) {
+        const auto offsets = matches(whole);
+        for (int trial = 0; trial < 150; ++trial) {
+            Bytes block = whole;
+            if (trial % 3 == 1) {
+                for (int k = 1 + r() % 3; k > 0; --k) block[r() % block.size()] = static_cast<uint8_t>(r());
+            } else if (trial % 3 == 2 && !offsets.empty()) {
+                // An offset at the history's edge or one byte beyond it.
+                const auto [pos, produced] = offsets[r() % offsets.size()];
+                const size_t off = std::min<size_t>(produced + (trial & 8 ? kPrefix : 0) + (trial & 4 ? 1 : 0), 65535);
+                block[pos] = static_cast<uint8_t>(off);
+                block[pos + 1] = static_cast<uint8_t>(off >> 8);
+            }
+            size_t len = trial % 5 == 1 ? 1 + r() % block.size() : block.size();
+            if (trial < 70) len = block.size() - trial % 70;  // every cut in the last 70 bytes
+            const size_t cap = trial % 4 == 2 ? 1 + r() % 8000 : 7000 + trial % 100;
+            for (size_t reach : {size_t(0), kPrefix}) {
+                Bytes want(kPrefix + cap, 0), got(kPrefix + cap + 64, 0);
+                std::memcpy(want.data(), history.data(), kPrefix);
+                std::memcpy(got.data(), history.data(), kPrefix);
+                const ref::Lz4Result m = ref::lz4Decode(block.data(), len, want.data() + kPrefix, cap, reach);
+                // The block ends right before an unmapped page: a read past it faults.
+                GuardedBuffer in(block.data(), len);
+                int sl = static_cast<int>(len), dl = static_cast<int>(cap);
+                // A dictionary that ends where the output starts is the prefix decoder.
+                const OzrResult st = m7_ozrsDecodeLZ4Dict_8u(in.data(), &sl, got.data(), kPrefix, &dl,
+                                                             reach ? got.data() : nullptr, static_cast<int>(reach));
+                ASSERT_EQ(st, m.st) << "trial " << trial << " len " << len << " cap " << cap << " reach " << reach;
+                if (m.srcLen < 0) {
+                    EXPECT_EQ(sl, static_cast<int>(len)) << "counts written on an error";
+                    EXPECT_EQ(dl, static_cast<int>(cap)) << "counts written on an error";
+                    continue;
+                }
+                ASSERT_EQ(sl, m.srcLen) << "trial " << trial;
+                ASSERT_EQ(dl, m.dstLen) << "trial " << trial;
+                if (!m.selfCopy)
+                    ASSERT_TRUE(std::equal(want.begin(), want.begin() + kPrefix + dl, got.begin())) << "trial " << trial;
+                ++cases;
+            }
+        }
+    }
+    EXPECT_GT(cases, 1000) << "too few blocks decoded to compare";
 }
 
 // ---- Argument checks ------------------------------------------------------------------

@@ -7,9 +7,9 @@
 //
 // One core serves the three history arrangements (none, a prefix lying in memory
 // before the output, an external dictionary standing virtually at the start of the
-// output buffer). It runs a fast loop while at least 32 input and 64 output bytes are
-// left, where copies may overrun a run by up to 32 bytes, and a careful loop near the
-// ends that stops at well-defined points:
+// output buffer). It runs a fast loop while at least 64 input and 64 output bytes are
+// left, where copies may overrun a run, and a careful loop near the ends that stops at
+// well-defined points:
 //   - a lone trailing byte at a token boundary is never read;
 //   - output that fills inside a run writes what fits and warns ozrWarnDstSizeLess;
 //   - a literal run cut off by the input's end, or ending in the last 7 input bytes
@@ -36,6 +36,12 @@ struct HistoryView {
 };
 
 constexpr size_t kMaxLength = 0x7FFFFFFF;
+
+// The fast loop keeps this many bytes between its position and either end, so that its
+// blind copies (up to 64 bytes from a run's start, or 31 past a run's end) stay inside
+// both buffers.
+constexpr size_t kFastSrcMargin = 64;
+constexpr size_t kFastDstMargin = 64;
 
 // Copies a match of length n that starts `off` bytes behind op. Exact: writes only
 // op[0, n). For an external dictionary the virtual bytes pDst[0, dictSize) are read
@@ -85,8 +91,8 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
     // would make the compiler reload it after every copy.
     const HistoryView hv = h;
     // A match source q = op - off is valid when off <= (op - dstStart) + reach.
-    const ptrdiff_t reach = hv.reach;
-    auto offsetValid = [reach, dstStart](const Ozr8u* o, size_t off) -> bool {
+    const ptrdiff_t reach = H == History::None ? 0 : hv.reach;
+    auto offsetValid = [=](const Ozr8u* o, size_t off) -> bool {
         return static_cast<ptrdiff_t>(off) <= (o - dstStart) + reach;
     };
     // External dictionary: does the match start in the dictionary's virtual bytes?
@@ -94,37 +100,50 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
         return (o - hv.base) - static_cast<ptrdiff_t>(off) < static_cast<ptrdiff_t>(hv.dictSize);
     };
 
-    // ---- Fast loop: at least 32 input bytes and 64 output bytes left. ----
-    if (srcLen > 32 && dstCap > 64) {
-        const Ozr8u* const srcFastEnd = srcEnd - 32;
-        Ozr8u* const dstFastEnd = dstEnd - 64;
+    // ---- Fast loop: at least kFastSrcMargin input and kFastDstMargin output bytes left. ----
+    if (srcLen > kFastSrcMargin && dstCap > kFastDstMargin) {
+        const Ozr8u* const srcFastEnd = srcEnd - kFastSrcMargin;
+        Ozr8u* const dstFastEnd = dstEnd - kFastDstMargin;
         while (ip < srcFastEnd && op < dstFastEnd) {
             const Ozr8u* const seqIp = ip;
             Ozr8u* const seqOp = op;
-            const unsigned token = *ip++;
+            const unsigned token = *ip;
             size_t lit = token >> 4;
             if (__builtin_expect(lit < kRunMask, 1)) {
-                // At most 14 literals; they end at least 18 bytes before the input's end,
-                // so a match follows.
-                copy16(op, ip);
+                // At most 14 literals; they end at least 50 bytes before the input's end,
+                // so a match follows. The step past the token and the offset is added
+                // before the literal length, which keeps the token-to-token chain at a
+                // load, a shift and an add.
+                copy16(op, ip + 1);
+                ip += 3;
             } else {
-                lit = readLengthExt(ip, srcFastEnd, lit);
-                if (lit > static_cast<size_t>(srcFastEnd - ip) || lit > static_cast<size_t>(dstFastEnd - op)) {
+                // The first extension byte lies inside the input (ip <= srcFastEnd).
+                ++ip;
+                const unsigned b = *ip++;
+                lit += b;
+                if (__builtin_expect(b == 255, 0)) lit = readLengthExt(ip, srcFastEnd, lit);
+                // Signed: ip may stand one byte past srcFastEnd after the first
+                // extension byte.
+                if (static_cast<ptrdiff_t>(lit) > srcFastEnd - ip || static_cast<ptrdiff_t>(lit) > dstFastEnd - op) {
                     ip = seqIp, op = seqOp;
                     break;
                 }
+                // At least 15 bytes, most below 65 on binary data: four 16-byte steps
+                // without a loop; the checks above leave 64 bytes of room past the run.
                 copy16(op, ip);
                 copy16(op + 16, ip + 16);
-                for (size_t i = 32; i < lit; i += 32) {
+                copy16(op + 32, ip + 32);
+                copy16(op + 48, ip + 48);
+                for (size_t i = 64; i < lit; i += 32) {
                     copy16(op + i, ip + i);
                     copy16(op + i + 16, ip + i + 16);
                 }
+                ip += 2;
             }
             op += lit;
             ip += lit;
 
-            const size_t off = load16le(ip);
-            ip += 2;
+            const size_t off = load16le(ip - 2);
             if (__builtin_expect(!offsetValid(op, off), 0)) return ozrErrFailed;
             size_t ml = token & kRunMask;
             if (__builtin_expect(ml != kRunMask, 1)) {
@@ -149,7 +168,7 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
                     copyOverlapWild(op, off, ml);
                 }
             } else {
-                // The first extension byte lies inside the input (ip <= srcEnd - 16).
+                // The first extension byte lies inside the input (ip <= srcEnd - 47).
                 const unsigned b = *ip++;
                 ml += b;
                 if (__builtin_expect(b == 255, 0)) ml = readLengthExt(ip, srcFastEnd, ml);
@@ -167,13 +186,16 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
                     }
                 }
                 if (__builtin_expect(off >= 16, 1)) {
-                    // At least 19 bytes: three 16-byte steps cover up to 48 without a
-                    // loop (the room check above leaves 45 bytes past the match).
+                    // At least 19 bytes: four 16-byte steps cover up to 64 without a
+                    // loop, which takes the "longer than 48" branch (as unpredictable
+                    // as the extension itself on record-like data) off the common
+                    // case. The room check above leaves 64 bytes past the match.
                     const Ozr8u* q = op - off;
                     copy16(op, q);
                     copy16(op + 16, q + 16);
                     copy16(op + 32, q + 32);
-                    for (size_t i = 48; i < ml; i += 32) {
+                    copy16(op + 48, q + 48);
+                    for (size_t i = 64; i < ml; i += 32) {
                         copy16(op + i, q + i);
                         copy16(op + i + 16, q + i + 16);
                     }
