@@ -66,6 +66,22 @@ inline void copyMatchExact(Ozr8u* op, size_t off, size_t n, const HistoryView& h
     }
 }
 
+// Blind forward copy of n bytes in 16-byte steps: four steps without a loop (most long
+// runs and long matches are below 65 bytes, and the "longer than 48" test is as
+// unpredictable as the extension itself on record-like data), then 32 bytes a turn.
+// Writes up to 64 bytes, or n rounded up to 32, from d; reads as much from s. Correct
+// for a match source when s is at least 16 bytes behind d.
+inline void copyWild64(Ozr8u* d, const Ozr8u* s, size_t n) {
+    copy16(d, s);
+    copy16(d + 16, s + 16);
+    copy16(d + 32, s + 32);
+    copy16(d + 48, s + 48);
+    for (size_t i = 64; i < n; i += 32) {
+        copy16(d + i, s + i);
+        copy16(d + i + 16, s + i + 16);
+    }
+}
+
 // Reads the extension bytes of a length field; `len` holds the nibble (15) on entry.
 // Stops at `end` if the run of 255s reaches it.
 inline size_t readLengthExt(const Ozr8u*& ip, const Ozr8u* end, size_t len) {
@@ -99,6 +115,18 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
     auto inDict = [&hv](const Ozr8u* o, size_t off) -> bool {
         return (o - hv.base) - static_cast<ptrdiff_t>(off) < static_cast<ptrdiff_t>(hv.dictSize);
     };
+    // In the fast loop, a match that starts in the external dictionary is copied
+    // exactly and op advanced; false (and nothing done) otherwise or without one.
+    auto dictMatch = [&](Ozr8u*& o, size_t off, size_t n) -> bool {
+        if constexpr (H == History::ExtDict) {
+            if (inDict(o, off)) {
+                copyMatchExact<H>(o, off, n, hv);
+                o += n;
+                return true;
+            }
+        }
+        return false;
+    };
 
     // ---- Fast loop: at least kFastSrcMargin input and kFastDstMargin output bytes left. ----
     if (srcLen > kFastSrcMargin && dstCap > kFastDstMargin) {
@@ -128,16 +156,8 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
                     ip = seqIp, op = seqOp;
                     break;
                 }
-                // At least 15 bytes, most below 65 on binary data: four 16-byte steps
-                // without a loop; the checks above leave 64 bytes of room past the run.
-                copy16(op, ip);
-                copy16(op + 16, ip + 16);
-                copy16(op + 32, ip + 32);
-                copy16(op + 48, ip + 48);
-                for (size_t i = 64; i < lit; i += 32) {
-                    copy16(op + i, ip + i);
-                    copy16(op + i + 16, ip + i + 16);
-                }
+                // At least 15 bytes; the checks above leave 64 bytes of room past the run.
+                copyWild64(op, ip, lit);
                 ip += 2;
             }
             op += lit;
@@ -151,13 +171,7 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
                 // token below dstFastEnd: even a 24-byte blind copy stays 26 bytes
                 // inside the output, so no room check is needed.
                 ml += kMinMatch;
-                if constexpr (H == History::ExtDict) {
-                    if (inDict(op, off)) {
-                        copyMatchExact<H>(op, off, ml, hv);
-                        op += ml;
-                        continue;
-                    }
-                }
+                if (dictMatch(op, off, ml)) continue;
                 if (__builtin_expect(off >= 16, 1)) {
                     // 18 bytes at once cover every short match; they read only bytes
                     // before op, so no load waits on the store just made.
@@ -178,27 +192,11 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
                     ip = seqIp, op = seqOp;
                     break;
                 }
-                if constexpr (H == History::ExtDict) {
-                    if (inDict(op, off)) {
-                        copyMatchExact<H>(op, off, ml, hv);
-                        op += ml;
-                        continue;
-                    }
-                }
+                if (dictMatch(op, off, ml)) continue;
                 if (__builtin_expect(off >= 16, 1)) {
-                    // At least 19 bytes: four 16-byte steps cover up to 64 without a
-                    // loop, which takes the "longer than 48" branch (as unpredictable
-                    // as the extension itself on record-like data) off the common
-                    // case. The room check above leaves 64 bytes past the match.
-                    const Ozr8u* q = op - off;
-                    copy16(op, q);
-                    copy16(op + 16, q + 16);
-                    copy16(op + 32, q + 32);
-                    copy16(op + 48, q + 48);
-                    for (size_t i = 64; i < ml; i += 32) {
-                        copy16(op + i, q + i);
-                        copy16(op + i + 16, q + i + 16);
-                    }
+                    // At least 19 bytes; the room check above leaves 64 bytes past
+                    // the match.
+                    copyWild64(op, op - off, ml);
                 } else if (off != 0) {
                     copyOverlapWild(op, off, ml);
                 }
