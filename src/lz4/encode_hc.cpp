@@ -317,15 +317,22 @@ private:
         return ip;
     }
 
+    // Moves ip on to the next position that has a match (len, off); false when the
+    // search limit comes first.
+    bool nextMatch(const Ozr8u*& ip, int& len, Ozr32u& off) {
+        for (; ip < mflimit_; ++ip) {
+            off = 0;
+            len = longest(ip, &off);
+            if (len != 0) return true;
+        }
+        return false;
+    }
+
     void parseLazy() {
         const Ozr8u* ip = src_;
-        while (ip < mflimit_) {
-            Ozr32u off = 0;
-            int len = longest(ip, &off);
-            if (len == 0) {
-                ++ip;
-                continue;
-            }
+        Ozr32u off;
+        int len;
+        while (nextMatch(ip, len, off)) {
             ip = extendBack(ip, &len, off);
             // Lookahead: a match one byte on that is longer, or two bytes on that is
             // longer by two, wins over this one (it pays for the literals it adds).
@@ -348,13 +355,9 @@ private:
 
     void parseOptimal() {
         const Ozr8u* ip = src_;
-        while (ip < mflimit_) {
-            Ozr32u off = 0;
-            int len = longest(ip, &off);
-            if (len == 0) {
-                ++ip;
-                continue;
-            }
+        Ozr32u off;
+        int len;
+        while (nextMatch(ip, len, off)) {
             if (len >= lv_.sufficient) {
                 if (!emit(ip, len, off)) return;
                 ip += len;

@@ -92,30 +92,21 @@ struct BitSource {
     // Passes over n bits of padding, whole words at a time where it can; always
     // checks the end, whatever the template says.
     inline void skip(Ozr64s n) {
-        if (n <= cnt) {
-            drop(int(n));
-            return;
-        }
-        n -= cnt;
-        buf = 0;
-        cnt = 0;
-        Ozr64s words = n >> 6, room = (end - p) >> 3;
-        if (words > room) words = room;
-        p += words * 8;
-        n -= words * 64;
-        while (n > 0) {
+        while (n > cnt) {
+            n -= cnt;
+            buf = 0;
+            cnt = 0;
+            Ozr64s words = n >> 6, room = (end - p) >> 3;
+            if (words > room) words = room;
+            p += words * 8;
+            n -= words * 64;
+            if (n == 0) return;
             if (!load()) {
                 failed = true;
                 return;
             }
-            if (n <= cnt) {
-                drop(int(n));
-                return;
-            }
-            n -= cnt;
-            buf = 0;
-            cnt = 0;
         }
+        drop(int(n));
     }
 };
 
