@@ -122,6 +122,14 @@ OzrResult ozrsCRC32_BZ2_8u(const Ozr8u* pSrc, Ozr32s len, Ozr32u* pCRC);
  * incoming value reduced modulo 65521. */
 OzrResult ozrsAdler32_8u(const Ozr8u* pSrc, Ozr32s len, Ozr32u* pAdler);
 
+/* ==== Deflate encoder ========================================================= */
+
+
+
+/* ==== Inflate ================================================================= */
+
+
+
 /* ==== LZ4 =====================================================================
  *
  * Blocks of the LZ4 block format (no frame header, no checksum): a run of
@@ -373,6 +381,18 @@ OzrResult ozrsDecodeLZO_8u(const Ozr8u* pSrc, Ozr32u srcLen, Ozr8u* pDst, Ozr32u
  * still decode, and *pDstLen is the sum of what the good parts wrote. Errors: pSrc,
  * pDst or pDstLen null -> ozrErrNullPointer. */
 OzrResult ozrsDecodeLZOSafe_8u(const Ozr8u* pSrc, Ozr32u srcLen, Ozr8u* pDst, Ozr32u* pDstLen);
+
+/* ==== LZSS ==================================================================== */
+
+
+
+/* ==== bzip2 block-sorting stages ============================================== */
+
+
+
+/* ==== bzip2 block Huffman coding ============================================== */
+
+
 
 /* ==== ZFP ===================================================================== */
 /*

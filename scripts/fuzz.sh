@@ -1,16 +1,28 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets (clang, AddressSanitizer + UndefinedBehaviorSanitizer)
-# and runs each for FUZZ_SECONDS (default 10) from its seed corpus in fuzz/seeds/<target>.
-# Found crashes are left in build/fuzz/artifacts.
+# and runs them from their seed corpora in fuzz/seeds/<target>. The time is a total,
+# FUZZ_TOTAL_SECONDS (default 80), shared equally between the targets, so that adding
+# a target does not lengthen the run; FUZZ_SECONDS, if set, gives each target that
+# many seconds instead. Found crashes are left in build/fuzz/artifacts.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-secs=${FUZZ_SECONDS:-10}
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz
+targets=()
+for t in build/fuzz/fuzz/fuzz_*; do
+  [ -x "$t" ] && targets+=("$t")
+done
+[ ${#targets[@]} -gt 0 ] || { echo "fuzz: no targets built"; exit 1; }
+if [ -n "${FUZZ_SECONDS:-}" ]; then
+  secs=$FUZZ_SECONDS
+else
+  total=${FUZZ_TOTAL_SECONDS:-80}
+  secs=$(( total / ${#targets[@]} ))
+  [ "$secs" -ge 1 ] || secs=1
+fi
 mkdir -p build/fuzz/artifacts
 status=0
-for t in build/fuzz/fuzz/fuzz_*; do
-  [ -x "$t" ] || continue
+for t in "${targets[@]}"; do
   name=$(basename "$t")
   work=build/fuzz/corpus/$name
   mkdir -p "$work"
