@@ -53,7 +53,12 @@ struct CompressOptions {
     std::optional<int> precision;      // zfp fixed precision, bit planes
     std::optional<double> accuracy;    // zfp fixed accuracy, absolute error bound
     std::optional<int> level;          // codec-specific compression level
+    bool fastest = false;              // deflate family: the one-pass fastest mode
+    int threads = 1;                   // block formats: worker threads (the tool's, not the library's)
 };
+
+// Worker threads for decompression of formats with independent blocks (-T).
+int& decodeThreads();
 
 struct Format {
     std::string name;         // the -F value

@@ -21,6 +21,11 @@ std::vector<std::function<void(CLI::App&)>>& extraCommands() {
     return all;
 }
 
+int& decodeThreads() {
+    static int n = 1;
+    return n;
+}
+
 int& exitStatus() {
     static int status = 0;
     return status;
@@ -124,13 +129,16 @@ int main(int argc, char** argv) {
     comp->add_option("--rate", copts.rate, "zfp: fixed rate, bits per value");
     comp->add_option("--precision", copts.precision, "zfp: fixed precision, bit planes");
     comp->add_option("--accuracy", copts.accuracy, "zfp: fixed accuracy, absolute error tolerance");
-    comp->add_option("-l,--level", copts.level, "compression level where the format has levels");
+    comp->add_option("-l,-L,--level", copts.level, "compression level where the format has levels");
+    comp->add_flag("--fastest", copts.fastest, "gzip, zlib, deflate: the library's one-pass fastest mode");
+    comp->add_option("-T,--threads", copts.threads, "bzip2: compress blocks on this many threads")->check(CLI::Range(1, 256));
     comp->add_flag("-f,--force", force, "overwrite an existing output file");
 
     auto* dec = app.add_subcommand("decompress", "restore a file written by compress or by the format's own tool");
     dec->add_option("input", dIn, "input file, - for standard input");
     dec->add_option("-o,--output", dOut, "output file, - for standard output (default: input without extension)");
     dec->add_flag("-f,--force", force, "overwrite an existing output file");
+    dec->add_option("-T,--threads", decodeThreads(), "bzip2: decode blocks on this many threads")->check(CLI::Range(1, 256));
 
     std::string corpusDir;
     bool json = false;

@@ -1,0 +1,14 @@
+// Writers of the Deflate containers (raw RFC 1951, zlib RFC 1950, gzip RFC 1952),
+// built from the library's Deflate encoder. The formats themselves (detection and
+// decoding) are registered in format_gzip.cpp.
+#pragma once
+
+#include "codec.h"
+
+namespace ozrdc_tool {
+
+void compressDeflateRaw(Reader& in, Writer& out, const CompressOptions& opts);
+void compressZlib(Reader& in, Writer& out, const CompressOptions& opts);
+void compressGzip(Reader& in, Writer& out, const CompressOptions& opts);
+
+}  // namespace ozrdc_tool
