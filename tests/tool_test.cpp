@@ -68,7 +68,7 @@ TEST_F(ToolTest, UnrecognisedInputFailsAndLeavesNoFile) {
 TEST_F(ToolTest, MissingInputFileIsReported) {
     ToolRun r = runTool("decompress " + (dir / "missing.lz4").string());
     EXPECT_NE(r.status, 0);
-    EXPECT_NE(r.output.find("cannot open"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("No such file or directory"), std::string::npos) << r.output;
 }
 
 TEST_F(ToolTest, BenchRunsOnAGivenCorpus) {
