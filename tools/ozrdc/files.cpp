@@ -298,7 +298,8 @@ Progress::~Progress() {
     }
 }
 
-void Progress::tick() {
+void Progress::tick(bool wrote) {
+    if (wrote) ratioIn_ = in_.consumed(), ratioOut_ = out_.written();
     const double t = nowSeconds();
     if (t < next_) return;
     next_ = t + 0.25;
@@ -306,7 +307,7 @@ void Progress::tick() {
 }
 
 void Progress::draw(double now) {
-    const double done = double(in_.consumed()), made = double(out_.written());
+    const double done = double(in_.consumed());
     std::string line = name_ + ": " + humanBytes(done);
     char buf[64];
     if (total_ && *total_ > 0) {
@@ -315,8 +316,9 @@ void Progress::draw(double now) {
         line += buf;
     }
     line += ", " + humanBytes(done / (now - start_)) + "/s";
-    const double plain = compressing_ ? done : made, packed = compressing_ ? made : done;
-    if (packed > 0) {
+    const double plain = double(compressing_ ? ratioIn_ : ratioOut_);
+    const double packed = double(compressing_ ? ratioOut_ : ratioIn_);
+    if (plain > 0 && packed > 0) {
         std::snprintf(buf, sizeof buf, ", ratio %.2f", plain / packed);
         line += buf;
     }

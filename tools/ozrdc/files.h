@@ -105,7 +105,8 @@ public:
     ~Progress();
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
-    void tick();
+    // Called after each read (wrote false) and write (true).
+    void tick(bool wrote);
 
 private:
     void draw(double now);
@@ -115,6 +116,9 @@ private:
     Reader& in_;
     Writer& out_;
     double start_, next_;
+    // Bytes in and out as of the last write: the input read ahead of the output
+    // (a block being coded) would distort the ratio.
+    uint64_t ratioIn_ = 0, ratioOut_ = 0;
 };
 
 }  // namespace ozrdc_tool

@@ -26,7 +26,7 @@ size_t Reader::read(void* dst, size_t n) {
         got += r;
     }
     consumed_ += got;
-    if (progress_) progress_->tick();
+    if (progress_) progress_->tick(false);
     return got;
 }
 
@@ -56,7 +56,7 @@ void Writer::write(const void* src, size_t n) {
     if (f_ && std::fwrite(src, 1, n, f_) != n)
         throw ToolError((name_.empty() ? "" : name_ + ": ") + "write error: " + std::strerror(errno));
     written_ += n;
-    if (progress_) progress_->tick();
+    if (progress_) progress_->tick(true);
 }
 
 }  // namespace ozrdc_tool

@@ -212,8 +212,8 @@ std::string filesFooter() {
         "\n"
         "Input files: when the output is named from the input, each format does what its own tool\n"
         "does after success:";
-    if (!removes.empty()) text += " " + removes + " remove the input (as gzip and bzip2);";
-    if (!keeps.empty()) text += " " + keeps + " keep it (as lz4 and lzop);";
+    if (!removes.empty()) text += " " + removes + " remove the input;";
+    if (!keeps.empty()) text += " " + keeps + " keep it;";
     text +=
         "\n-k keeps, --rm removes (also with -o); -c, -o and -t keep it.\n"
         "\n"
@@ -330,7 +330,7 @@ int main(int argc, char** argv) {
     auto* dec = app.add_subcommand(
         "decompress", "restore files written by compress or by the format's own tool (detected); alias -d");
     addFileOptions(dec, ds);
-    dec->add_flag("-t,--test", ds.test, "decode and check every checksum, write nothing; alias ozrdc -t");
+    dec->add_flag("-t,--test", ds.test, "decode and check every checksum, write nothing");
     dec->add_option("-T,--threads", decodeThreads(), "bzip2: decode blocks on this many threads")
         ->check(CLI::Range(1, 256));
     dec->footer(filesFooter());
