@@ -587,7 +587,7 @@ TEST_F(ToolTest, MissingInputAndMissingOutputFolderAreErrors) {
     EXPECT_EQ(namesIn(dir), (std::vector<std::string>{"plain.txt", "x", "x.lz4"}));
 }
 
-TEST_F(ToolTest, FullDiskIsAWriteErrorThatLeavesNothing) {
+TEST_F(ToolTest, FileSizeLimitIsAWriteErrorThatLeavesNothing) {
     writeAll(dir / "big", noise(1 << 20, 9));
     Invocation run;
     run.args = {"compress", "-F", "lz4", path("big")};
@@ -596,6 +596,49 @@ TEST_F(ToolTest, FullDiskIsAWriteErrorThatLeavesNothing) {
     EXPECT_EQ(r.status, 1) << "signal " << r.signal;
     EXPECT_TRUE(contains(r.err, "big.lz4: write error: File too large")) << r.err;
     EXPECT_EQ(namesIn(dir), std::vector<std::string>{"big"});
+}
+
+TEST_F(ToolTest, FullDeviceIsAWriteErrorAndStaysADevice) {
+    const fs::path node = dir / "full";
+    if (mknod(node.c_str(), S_IFCHR | 0666, makedev(1, 7)) != 0) GTEST_SKIP() << "cannot make a device node here";
+    makeLz4("x");
+    Result r = tool({"decompress", path("x.lz4"), "-o", node.string()});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(contains(r.err, "No space left on device")) << r.err;
+    struct stat st;
+    ASSERT_EQ(lstat(node.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISCHR(st.st_mode));
+}
+
+TEST_F(ToolTest, FullFileSystemLeavesNoPartialFile) {
+    // A 256 KiB tmpfs in a mount namespace of its own, gone with the shell.
+    writeAll(dir / "big", noise(1 << 20, 12));
+    fs::create_directory(dir / "small");
+    const std::string script = "mount -t tmpfs -o size=256k none " + path("small") + " || exit 99; " +
+                               OZRDC_TOOL_PATH + " compress -F lz4 " + path("big") + " -o " + path("small/big.lz4") +
+                               " 2>&1; echo \"status=$?\"; ls -A " + path("small");
+    FILE* p = popen(("unshare -m sh -c '" + script + "' 2>/dev/null").c_str(), "r");
+    ASSERT_NE(p, nullptr);
+    std::string out;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    const int st = pclose(p);
+    if (!WIFEXITED(st) || WEXITSTATUS(st) != 0) GTEST_SKIP() << "no mount namespace for a small tmpfs here";
+    EXPECT_TRUE(contains(out, "No space left on device")) << out;
+    EXPECT_TRUE(contains(out, "status=1\n")) << out;
+    EXPECT_EQ(out.substr(out.find("status=1\n") + 9), "") << "files left: " << out;
+}
+
+TEST_F(ToolTest, SymlinkedInputIsSkippedUnlessForcedAndNeverRemoved) {
+    writeAll(dir / "a", "data for the link");
+    fs::create_symlink("a", dir / "l");
+    Result r = tool({"compress", "-F", "lz4", path("l")});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_TRUE(contains(r.err, "not a regular file")) << r.err;
+    EXPECT_EQ(tool({"compress", "-F", "lz4", "-f", "--rm", path("l")}).status, 0);
+    EXPECT_TRUE(fs::is_symlink(dir / "l"));
+    EXPECT_EQ(decodeLz4(readAll(dir / "l.lz4")), "data for the link");
 }
 
 TEST_F(ToolTest, InterruptRemovesTheTemporaryFileAndKeepsTheOldOutput) {

@@ -41,6 +41,17 @@ int& exitStatus() {
 
 namespace {
 
+bool g_quiet = false, g_warned = false;  // -q of the running command; warning() seen
+
+}  // namespace
+
+void warning(const std::string& message) {
+    g_warned = true;
+    if (!g_quiet) std::fprintf(stderr, "ozrdc: %s\n", message.c_str());
+}
+
+namespace {
+
 enum class Mode { Compress, Decompress, Test };
 
 // What one compress or decompress command was asked to do.
@@ -88,9 +99,11 @@ void convertOne(const Settings& s, const std::string& inPath) {
     if (s.mode != Mode::Compress && !named && ::isatty(STDIN_FILENO) && !s.force)
         throw ToolError("compressed data not read from a terminal (use -f to force)");
     InputFile in(inPath);
+    struct stat link;
+    const bool isLink = named && ::lstat(inPath.c_str(), &link) == 0 && S_ISLNK(link.st_mode);
     const bool toStdout = s.toStdout || s.output == "-" || (s.output.empty() && !named);
     const bool nameFromInput = s.mode != Mode::Test && !toStdout && s.output.empty();
-    if (nameFromInput && !in.isRegular() && !s.force)
+    if (nameFromInput && (!in.isRegular() || isLink) && !s.force)
         throw ToolWarning(inPath + " is not a regular file -- ignored");
 
     Reader r(in.f, inName);
@@ -104,7 +117,8 @@ void convertOne(const Settings& s, const std::string& inPath) {
         if (!fmt) throw ToolError(inName + ": not a file of a known format (" + formatNames() + ")");
     }
 
-    const bool removeInput = named && in.isRegular() && s.mode != Mode::Test && !toStdout && !s.keep &&
+    // A link named as input is followed for reading; removing it would remove the link.
+    const bool removeInput = named && in.isRegular() && !isLink && s.mode != Mode::Test && !toStdout && !s.keep &&
                              (s.remove || (nameFromInput && !fmt->keepsInput));
     if (removeInput && in.st.st_nlink > 1 && !s.force)
         throw ToolWarning(inPath + " has " + std::to_string(in.st.st_nlink - 1) + " other link(s) -- unchanged");
@@ -171,20 +185,20 @@ int convertAll(Settings& s) {
         throw ToolError("-o names one output, for one input; several files each get their own name");
     if (s.keep && s.remove) throw ToolError("-k and --rm contradict each other");
     if (s.mode != Mode::Compress && s.test) s.mode = Mode::Test;
-    bool failed = false, warned = false;
+    g_quiet = s.quiet;
+    bool failed = false;
     for (const auto& in : s.inputs) {
         try {
             convertOne(s, in);
         } catch (const ToolWarning& w) {
-            warned = true;
-            if (!s.quiet) std::fprintf(stderr, "ozrdc: %s\n", w.what());
+            warning(w.what());
         } catch (const std::exception& e) {
             failed = true;
             std::fprintf(stderr, "ozrdc: %s\n", e.what());
         }
     }
     std::fflush(stdout);
-    return failed ? 1 : warned ? 2 : 0;
+    return failed ? 1 : g_warned ? 2 : 0;
 }
 
 void addFileOptions(CLI::App* cmd, Settings& s) {
