@@ -23,7 +23,7 @@ class Progress;  // the progress display (files.h), fed by a Reader and a Writer
 // A problem the conversion survives (e.g. trailing bytes after the last member):
 // printed as "ozrdc: <message>" unless -q; the exit status becomes 2 (as gzip's
 // warnings) unless an error makes it 1.
-void warning(const std::string& message);
+void conversionWarning(const std::string& message);
 
 // Buffered input with look-ahead, so that a format can be recognised on a pipe.
 class Reader {

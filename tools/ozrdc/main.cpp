@@ -41,11 +41,11 @@ int& exitStatus() {
 
 namespace {
 
-bool g_quiet = false, g_warned = false;  // -q of the running command; warning() seen
+bool g_quiet = false, g_warned = false;  // -q of the running command; a warning seen
 
 }  // namespace
 
-void warning(const std::string& message) {
+void conversionWarning(const std::string& message) {
     g_warned = true;
     if (!g_quiet) std::fprintf(stderr, "ozrdc: %s\n", message.c_str());
 }
@@ -191,7 +191,7 @@ int convertAll(Settings& s) {
         try {
             convertOne(s, in);
         } catch (const ToolWarning& w) {
-            warning(w.what());
+            conversionWarning(w.what());
         } catch (const std::exception& e) {
             failed = true;
             std::fprintf(stderr, "ozrdc: %s\n", e.what());
