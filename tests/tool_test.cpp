@@ -725,6 +725,20 @@ TEST(ToolHelp, EveryHelpListsWhatItsCommandAccepts) {
         EXPECT_EQ(r.status, 0) << e.command[0];
         for (const auto& m : e.mentions) EXPECT_TRUE(contains(r.out, m)) << e.command[0] << " --help lacks " << m;
     }
+    // Every subcommand the top level lists, including those registered from other
+    // files, answers --help with its usage and options.
+    const std::string top = tool({"--help"}).out;
+    const size_t from = top.find("Subcommands:");
+    ASSERT_NE(from, std::string::npos) << top;
+    std::regex line("\n  ([a-z][a-z0-9-]*) ");
+    int seen = 0;
+    for (std::sregex_iterator it(top.begin() + static_cast<std::ptrdiff_t>(from), top.end(), line), end; it != end;
+         ++it, ++seen) {
+        Result r = tool({(*it)[1].str(), "--help"});
+        EXPECT_EQ(r.status, 0) << (*it)[1];
+        EXPECT_TRUE(contains(r.out, "Usage:") && contains(r.out, "-h,--help")) << (*it)[1] << ": " << r.out;
+    }
+    EXPECT_GE(seen, 6);
 }
 
 TEST_F(ToolTest, VersionPrintsTheLibraryRecord) {

@@ -148,7 +148,9 @@ void convertOne(const Settings& s, const std::string& inPath) {
         std::optional<uint64_t> size;
         if (in.isRegular()) size = static_cast<uint64_t>(in.st.st_size);
         std::optional<Progress> progress;
-        if (progressWanted(s.verbose, ::isatty(STDERR_FILENO), size))
+        // Not over data going to the same terminal either.
+        const bool lineFree = ::isatty(STDERR_FILENO) && !(out && out->isTerminal());
+        if (progressWanted(s.verbose, lineFree, size))
             progress.emplace(inName, size, s.mode == Mode::Compress, r, w);
         if (s.mode == Mode::Compress) fmt->compress(r, w, s.copts);
         else fmt->decompress(r, w);
