@@ -17,6 +17,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -77,6 +78,10 @@ Result runTool(const Invocation& run) {
     int inPipe[2], outPipe[2], errPipe[2];
     if (pipe(inPipe) != 0 || pipe(outPipe) != 0 || pipe(errPipe) != 0) return res;
     Pty inPty, outPty, errPty;
+    // Built before fork: the child of a threaded test must not allocate.
+    std::vector<char*> argv{const_cast<char*>(OZRDC_TOOL_PATH)};
+    for (const auto& a : run.args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
         auto attach = [](bool terminal, const Pty& pty, int pipeEnd, int fd, int flags) {
@@ -91,9 +96,6 @@ Result runTool(const Invocation& run) {
         rlimit lim{run.fileSizeLimit, run.fileSizeLimit};
         setrlimit(RLIMIT_FSIZE, &lim);
         signal(SIGINT, SIG_DFL);
-        std::vector<char*> argv{const_cast<char*>(OZRDC_TOOL_PATH)};
-        for (const auto& a : run.args) argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
         execv(OZRDC_TOOL_PATH, argv.data());
         _exit(127);
     }
@@ -377,7 +379,7 @@ TEST_F(ToolTest, OutputTakesTheInputsModeAndModificationTime) {
 }
 
 TEST_F(ToolTest, FailedRunLeavesNoFileAndKeepsTheOldOutput) {
-    const std::string data = makeLz4("x", 300000);
+    makeLz4("x", 300000);
     std::string packed = readAll(dir / "x.lz4");
     writeAll(dir / "bad.lz4", packed.substr(0, packed.size() / 2));
     writeAll(dir / "out", "previous");
