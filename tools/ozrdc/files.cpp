@@ -300,6 +300,10 @@ Progress::~Progress() {
 
 void Progress::tick(bool wrote) {
     if (wrote) ratioIn_ = in_.consumed(), ratioOut_ = out_.written();
+    const uint64_t moved = in_.consumed() + out_.written();
+    if (moved - checkedAt_ < 65536 && ++calls_ < 256) return;
+    checkedAt_ = moved;
+    calls_ = 0;
     const double t = nowSeconds();
     if (t < next_) return;
     next_ = t + 0.25;

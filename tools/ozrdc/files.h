@@ -119,6 +119,10 @@ private:
     // Bytes in and out as of the last write: the input read ahead of the output
     // (a block being coded) would distort the ratio.
     uint64_t ratioIn_ = 0, ratioOut_ = 0;
+    // The clock is read after 64 KiB or 256 calls, whichever comes first: cheap for
+    // a format that reads a byte at a time, prompt for one that reads megabytes.
+    uint64_t checkedAt_ = 0;
+    unsigned calls_ = 0;
 };
 
 }  // namespace ozrdc_tool
