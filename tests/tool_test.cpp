@@ -46,6 +46,7 @@ struct Invocation {
     std::chrono::milliseconds pause{0};  // ... with this pause between them
     bool stdinTerminal = false, stdoutTerminal = false, stderrTerminal = false;
     rlim_t fileSizeLimit = RLIM_INFINITY;
+    bool asNobody = false;           // root drops to uid/gid 65534, so that permissions hold
     fs::path cwd;
     // Called once with the child's pid after `input` has gone in whole; standard
     // input stays open meanwhile.
@@ -96,6 +97,7 @@ Result runTool(const Invocation& run) {
         rlimit lim{run.fileSizeLimit, run.fileSizeLimit};
         setrlimit(RLIMIT_FSIZE, &lim);
         signal(SIGINT, SIG_DFL);
+        if (run.asNobody && geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(126);
         execv(OZRDC_TOOL_PATH, argv.data());
         _exit(127);
     }
@@ -588,6 +590,27 @@ TEST_F(ToolTest, MissingInputAndMissingOutputFolderAreErrors) {
     EXPECT_EQ(r.status, 1);
     EXPECT_TRUE(contains(r.err, "unknown format")) << r.err;
     EXPECT_EQ(namesIn(dir), (std::vector<std::string>{"plain.txt", "x", "x.lz4"}));
+}
+
+TEST_F(ToolTest, UnreadableInputAndUnwritableFolderAreErrorsThatLeaveNothing) {
+    writeAll(dir / "secret", "no one may read this");
+    ASSERT_EQ(chmod(path("secret").c_str(), 0), 0);
+    writeAll(dir / "open", "anyone may read this");
+    ASSERT_EQ(chmod(path("open").c_str(), 0644), 0);
+    fs::create_directory(dir / "ro");
+    ASSERT_EQ(chmod(path("ro").c_str(), 0555), 0);
+    Invocation run;
+    run.asNobody = true;
+    run.args = {"compress", "-F", "lz4", "-k", path("secret")};
+    Result r = runTool(run);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(contains(r.err, "secret: Permission denied")) << r.err;
+    run.args = {"compress", "-F", "lz4", path("open"), "-o", path("ro/open.lz4")};
+    r = runTool(run);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(contains(r.err, "cannot create " + path("ro/open.lz4") + ": Permission denied")) << r.err;
+    EXPECT_TRUE(fs::is_empty(dir / "ro"));
+    EXPECT_EQ(namesIn(dir), (std::vector<std::string>{"open", "ro", "secret"}));
 }
 
 TEST_F(ToolTest, FileSizeLimitIsAWriteErrorThatLeavesNothing) {
