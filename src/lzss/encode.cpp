@@ -138,6 +138,72 @@ struct BitWriter {
     }
 };
 
+// A match search's result is one key, length << 16 | (32767 - distance): the chain
+// runs from near to far, so the largest key is the longest match and, of equally long
+// ones, the nearest (the first found). A key below 3 << 16 means no match.
+constexpr Ozr32u kNoMatch = (kMinMatch - 1) << 16 | 0xFFFF;
+
+// One chain walk with at least 8 bytes allowed. Most candidates differ within 8
+// bytes: their length comes from one 8-byte comparison with no branch on it, so the
+// walk runs at the pace of its loads; only those that agree on all 8 are measured.
+struct Walk {
+    Ozr32s c;             // next candidate
+    Ozr32u p;             // position searched
+    const Ozr8u* ip;      // its bytes
+    unsigned maxLen;
+    Ozr64u head8 = load64(ip);
+    Ozr32u key = kNoMatch;
+    bool alive = true;    // false once out of reach or at the longest allowed length
+
+    template <class At>
+    void visit(const Ozr32s* chain, const At& at) {
+        const Ozr32u d = p - Ozr32u(c);
+        if (d > kMaxDistance) {
+            alive = false;
+            return;
+        }
+        const Ozr8u* const m = at(c);
+        const Ozr64u x = load64(m) ^ head8;
+        if (__builtin_expect(x != 0, 1)) {
+            const Ozr32u cand = (m7::trailingZeros64(x) >> 3) << 16 | (kMaxDistance - d);
+            key = cand > key ? cand : key;
+        } else {
+            const unsigned len = 8 + matchLength(m + 8, ip + 8, maxLen - 8);
+            const Ozr32u cand = len << 16 | (kMaxDistance - d);
+            key = cand > key ? cand : key;
+            if (len >= maxLen) {
+                alive = false;
+                return;
+            }
+        }
+        c = chain[Ozr32u(c) & kChainMask];
+    }
+};
+
+// The walk near the end of the data, where fewer than 8 bytes may match: a candidate
+// is measured only if it agrees at best - 1 and best, the two bytes a longer one needs.
+template <class At>
+Ozr32u searchShort(Ozr32s c, Ozr32u p, const Ozr8u* ip, unsigned maxLen, const Ozr32s* chain, const At& at) {
+    unsigned best = kMinMatch - 1;
+    Ozr32u key = kNoMatch;
+    if (maxLen < kMinMatch) return key;
+    for (unsigned k = kMaxCandidates; k > 0; --k) {
+        const Ozr32u d = p - Ozr32u(c);
+        if (d > kMaxDistance) break;
+        const Ozr8u* const m = at(c);
+        if (load16(m + best - 1) == load16(ip + best - 1)) {
+            const unsigned len = matchLength(m, ip, maxLen);
+            if (len > best) {
+                best = len;
+                key = len << 16 | (kMaxDistance - d);
+                if (len >= maxLen) break;
+            }
+        }
+        c = chain[Ozr32u(c) & kChainMask];
+    }
+    return key;
+}
+
 // Encodes data[0, n) (this call's input) after the history; stops early when the
 // output fills. Returns the bytes consumed and advances s.position by them.
 size_t encodeCore(OzrLZSSEncoderState& s, const Ozr8u* const data, const size_t n, BitWriter& w,
@@ -177,32 +243,23 @@ size_t encodeCore(OzrLZSSEncoderState& s, const Ozr8u* const data, const size_t 
             const Ozr8u* const ip = data + i;
             const Ozr32s p = Ozr32s(base + Ozr64s(i));
             const Ozr32u h = hash3(ip);
-            Ozr32s c = head[h];
+            const Ozr32s c = head[h];
             chain[Ozr32u(p) & kChainMask] = c;
             head[h] = p;
 
             const size_t left = n - i - 2;
             const unsigned maxLen = left < kMaxMatch ? unsigned(left) : kMaxMatch;
-            unsigned best = kMinMatch - 1;
-            Ozr32u dist = 0;
-            if (maxLen >= kMinMatch) {
-                for (unsigned k = kMaxCandidates; k > 0; --k) {
-                    const Ozr32u d = Ozr32u(p) - Ozr32u(c);
-                    if (d > kMaxDistance) break;
-                    const Ozr8u* const m = at(c);
-                    // Only a candidate that agrees at best - 1 and best can be longer.
-                    if (load16(m + best - 1) == load16(ip + best - 1)) {
-                        const unsigned len = matchLength(m, ip, maxLen);
-                        if (len > best) {
-                            best = len;
-                            dist = d;
-                            if (len >= maxLen) break;
-                        }
-                    }
-                    c = chain[Ozr32u(c) & kChainMask];
-                }
+            Ozr32u key;
+            if (maxLen >= 8) {
+                Walk a{c, Ozr32u(p), ip, maxLen};
+                for (unsigned k = kMaxCandidates; k > 0 && a.alive; --k) a.visit(chain, at);
+                key = a.key;
+            } else {
+                key = searchShort(c, Ozr32u(p), ip, maxLen, chain, at);
             }
+            const unsigned best = key >> 16;
             if (best >= kMinMatch) {
+                const Ozr32u dist = kMaxDistance - (key & 0xFFFF);
                 w.put((dist << 8) | (best - kMinMatch), kMatchBits);
                 for (size_t j = i + 1; j < i + best; ++j) insert(j);
                 i += best;
