@@ -246,6 +246,8 @@ size_t encodeCore(OzrLZSSEncoderState& s, const Ozr8u* const data, const size_t 
             const Ozr32s c = head[h];
             chain[Ozr32u(p) & kChainMask] = c;
             head[h] = p;
+            // The next position's head, needed next if this one is a literal.
+            if (i + 1 < hashEnd) __builtin_prefetch(head + hash3(ip + 1));
 
             const size_t left = n - i - 2;
             const unsigned maxLen = left < kMaxMatch ? unsigned(left) : kMaxMatch;
@@ -261,6 +263,7 @@ size_t encodeCore(OzrLZSSEncoderState& s, const Ozr8u* const data, const size_t 
             if (best >= kMinMatch) {
                 const Ozr32u dist = kMaxDistance - (key & 0xFFFF);
                 w.put((dist << 8) | (best - kMinMatch), kMatchBits);
+                if (i + best < hashEnd) __builtin_prefetch(head + hash3(ip + best));
                 for (size_t j = i + 1; j < i + best; ++j) insert(j);
                 i += best;
             } else {
