@@ -477,15 +477,17 @@ OzrResult ozrsEncodeLZSSInit_8u(OzrLZSSState* pLZSSState);
  * arguments show what was consumed and written, the record holds the bits not yet
  * written, and the caller calls again with more room and the input not consumed
  * (the stream is then the same as with enough room). *pSrcLen 0 (with some room):
- * ozrOk, nothing done. Errors: any pointer null -> ozrErrNullPointer; *pSrcLen or
- * *pDstLen negative -> ozrErrSize. */
+ * ozrOk, nothing done (pending bits stay pending). Errors: any of the five
+ * pointers, *ppSrc or *ppDst null -> ozrErrNullPointer; *pSrcLen or *pDstLen
+ * negative -> ozrErrSize. */
 OzrResult ozrsEncodeLZSS_8u(Ozr8u** ppSrc, int* pSrcLen, Ozr8u** ppDst, int* pDstLen,
                             OzrLZSSState* pLZSSState);
 
 /* Ends the stream: writes the pending bits, the last byte padded with zero bits.
  * ozrOk when all are written; ozrWarnDstSizeLess when the room ran out first (what
  * is left stays pending: flush again). *ppDst and *pDstLen as for ozrsEncodeLZSS_8u.
- * Errors: any pointer null -> ozrErrNullPointer; *pDstLen < 1 -> ozrErrSize. */
+ * Errors: any of the three pointers or *ppDst null -> ozrErrNullPointer;
+ * *pDstLen < 1 -> ozrErrSize. */
 OzrResult ozrsEncodeLZSSFlush_8u(Ozr8u** ppDst, int* pDstLen, OzrLZSSState* pLZSSState);
 
 /* Prepares the record for decoding a new stream: clears the bit buffer and the
@@ -499,9 +501,10 @@ OzrResult ozrsDecodeLZSSInit_8u(OzrLZSSState* pLZSSState);
  * (kept in the record) do not form a whole token; ozrWarnDstSizeLess when the
  * output is full and more is to come (a token or the rest of a match): call again
  * with more room. Input is read a byte at a time into a 32-bit buffer, which each
- * token start tops up to more than 24 bits; those bytes count as consumed. Every
- * stream decodes to some output: no status reports malformed data (a distance of 0
- * writes zero bytes). Errors: any pointer null ->
+ * token start tops up to more than 24 bits; those bytes count as consumed. Bytes
+ * of the room past those written may have been changed. Every stream decodes to
+ * some output: no status reports malformed data (a distance of 0 writes zero
+ * bytes). Errors: any of the five pointers, *ppSrc or *ppDst null ->
  * ozrErrNullPointer; *pDstLen < 1 or *pSrcLen < 0 -> ozrErrSize. */
 OzrResult ozrsDecodeLZSS_8u(Ozr8u** ppSrc, int* pSrcLen, Ozr8u** ppDst, int* pDstLen,
                             OzrLZSSState* pLZSSState);
