@@ -143,25 +143,17 @@ struct BitWriter {
 // ones, the nearest (the first found). A key below 3 << 16 means no match.
 constexpr Ozr32u kNoMatch = (kMinMatch - 1) << 16 | 0xFFFF;
 
-// One chain walk with at least 8 bytes allowed. Most candidates differ within 8
-// bytes: their length comes from one 8-byte comparison with no branch on it, so the
-// walk runs at the pace of its loads; only those that agree on all 8 are measured.
-struct Walk {
-    Ozr32s c;             // next candidate
-    Ozr32u p;             // position searched
-    const Ozr8u* ip;      // its bytes
-    unsigned maxLen;
-    Ozr64u head8 = load64(ip);
+// The walk with at least 8 bytes allowed. Most candidates differ within 8 bytes:
+// their length comes from one 8-byte comparison with no branch on it, so the walk
+// runs at the pace of its loads; only those that agree on all 8 are measured.
+template <class At>
+Ozr32u searchLong(Ozr32s c, Ozr32u p, const Ozr8u* ip, unsigned maxLen, const Ozr32s* chain, const At& at) {
+    const Ozr64u head8 = load64(ip);
     Ozr32u key = kNoMatch;
-    bool alive = true;    // false once out of reach or at the longest allowed length
-
-    template <class At>
-    void visit(const Ozr32s* chain, const At& at) {
+#pragma GCC unroll 16
+    for (unsigned k = 0; k < kMaxCandidates; ++k) {
         const Ozr32u d = p - Ozr32u(c);
-        if (d > kMaxDistance) {
-            alive = false;
-            return;
-        }
+        if (d > kMaxDistance) break;
         const Ozr8u* const m = at(c);
         const Ozr64u x = load64(m) ^ head8;
         if (__builtin_expect(x != 0, 1)) {
@@ -171,14 +163,12 @@ struct Walk {
             const unsigned len = 8 + matchLength(m + 8, ip + 8, maxLen - 8);
             const Ozr32u cand = len << 16 | (kMaxDistance - d);
             key = cand > key ? cand : key;
-            if (len >= maxLen) {
-                alive = false;
-                return;
-            }
+            if (len >= maxLen) break;
         }
         c = chain[Ozr32u(c) & kChainMask];
     }
-};
+    return key;
+}
 
 // The walk near the end of the data, where fewer than 8 bytes may match: a candidate
 // is measured only if it agrees at best - 1 and best, the two bytes a longer one needs.
@@ -217,9 +207,10 @@ size_t encodeCore(OzrLZSSEncoderState& s, const Ozr8u* const data, const size_t 
     const size_t hashEnd = n >= 2 ? n - 2 : 0;  // positions below start a triple
     // A candidate's bytes: in this call's data, or in the history followed by the
     // lookahead copy of the data.
+    // Each is base + c for the matching side, folded into one offset per side.
+    uintptr_t dataAt = uintptr_t(data) - uintptr_t(base), histAt = uintptr_t(histEnd) - uintptr_t(base);
     auto at = [&](Ozr32s c) -> const Ozr8u* {
-        const Ozr64s off = Ozr64s(c) - base;
-        return off >= 0 ? data + off : histEnd + off;
+        return reinterpret_cast<const Ozr8u*>((Ozr64s(c) >= base ? dataAt : histAt) + uintptr_t(Ozr64s(c)));
     };
     auto done = [&](size_t consumed) {
         s.position = Ozr32s(base + Ozr64s(consumed));
@@ -237,6 +228,8 @@ size_t encodeCore(OzrLZSSEncoderState& s, const Ozr8u* const data, const size_t 
             const Ozr32s r = Ozr32s(((base + Ozr64s(i)) >> 15) - 1) << 15;
             rebase(s, r);
             base -= r;
+            dataAt = uintptr_t(data) - uintptr_t(base);
+            histAt = uintptr_t(histEnd) - uintptr_t(base);
         }
         const size_t sliceEnd = hashEnd - i > kSlice ? i + kSlice : hashEnd;
         while (i < sliceEnd) {
@@ -253,9 +246,7 @@ size_t encodeCore(OzrLZSSEncoderState& s, const Ozr8u* const data, const size_t 
             const unsigned maxLen = left < kMaxMatch ? unsigned(left) : kMaxMatch;
             Ozr32u key;
             if (maxLen >= 8) {
-                Walk a{c, Ozr32u(p), ip, maxLen};
-                for (unsigned k = kMaxCandidates; k > 0 && a.alive; --k) a.visit(chain, at);
-                key = a.key;
+                key = searchLong(c, Ozr32u(p), ip, maxLen, chain, at);
             } else {
                 key = searchShort(c, Ozr32u(p), ip, maxLen, chain, at);
             }
