@@ -207,7 +207,7 @@ size_t encodeCore(OzrLZSSEncoderState& s, const Ozr8u* const data, const size_t 
     const size_t hashEnd = n >= 2 ? n - 2 : 0;  // positions below start a triple
     // A candidate's bytes: in this call's data, or in the history followed by the
     // lookahead copy of the data.
-    // Each is base + c for the matching side, folded into one offset per side.
+    // Position c lies at dataAt + c in this call's data (c >= base), else at histAt + c.
     uintptr_t dataAt = uintptr_t(data) - uintptr_t(base), histAt = uintptr_t(histEnd) - uintptr_t(base);
     auto at = [&](Ozr32s c) -> const Ozr8u* {
         return reinterpret_cast<const Ozr8u*>((Ozr64s(c) >= base ? dataAt : histAt) + uintptr_t(Ozr64s(c)));
