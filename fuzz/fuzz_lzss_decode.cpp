@@ -22,14 +22,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint32_t maxPiece = 1 + data[0] % 64, maxRoom = 1 + (data[1] | data[2] << 8) % 4096;
 
     std::unique_ptr<OzrLZSSState> s(new OzrLZSSState);
-    for (size_t i = 0; i < sizeof(OzrLZSSState); ++i) reinterpret_cast<uint8_t*>(s.get())[i] = uint8_t(i * 7);
+    std::memset(s.get(), data[3], sizeof(OzrLZSSState));
+    s->u.dec.window[32767] = uint8_t(~data[3]);
     if (m7_ozrsDecodeLZSSInit_8u(s.get()) != ozrOk) std::abort();
     ref::LzssDecoder r(s->u.dec.window);
 
     // One mapping each, the piece and the room placed at their ends.
     GuardedBuffer inBuf(maxPiece), outBuf(maxRoom);
     size_t pos = 0;
-    for (int calls = 0; calls < 20000; ++calls) {
+    for (int calls = 0; calls < 300; ++calls) {
         const size_t piece = std::min<size_t>(len - pos, next(maxPiece + 1));
         const size_t room = 1 + next(maxRoom);
         Ozr8u* const inAt = inBuf.data() + (maxPiece - piece);
