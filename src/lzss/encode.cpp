@@ -254,7 +254,14 @@ size_t encodeCore(OzrLZSSEncoderState& s, const Ozr8u* const data, const size_t 
             if (best >= kMinMatch) {
                 const Ozr32u dist = kMaxDistance - (key & 0xFFFF);
                 w.put((dist << 8) | (best - kMinMatch), kMatchBits);
-                if (i + best < hashEnd) __builtin_prefetch(head + hash3(ip + best));
+                if (i + best < hashEnd) {
+                    // The next search's first candidate (unless the insertions below
+                    // put a newer one in front): its chain link and bytes, fetched
+                    // while they run.
+                    const Ozr32s next = head[hash3(ip + best)];
+                    __builtin_prefetch(chain + (Ozr32u(next) & kChainMask));
+                    __builtin_prefetch(at(next));
+                }
                 for (size_t j = i + 1; j < i + best; ++j) insert(j);
                 i += best;
             } else {
