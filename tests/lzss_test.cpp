@@ -187,7 +187,10 @@ TEST(LzssFrame, StateSizeAndInitLayout) {
     EXPECT_EQ(e.pWindow, e.window);
     EXPECT_EQ(e.pWindowEnd, e.window);
     EXPECT_EQ(0u, e.histLen | e.bitCount | e.bitBuf | e.bitBufExt | e.reserved | Ozr32u(e.position));
-    for (int i = 0; i < 32768; ++i) ASSERT_EQ(-32768, e.chain[i] & e.head[i] | (e.chain[i] ^ e.head[i]));
+    for (int i = 0; i < 32768; ++i) {
+        ASSERT_EQ(-32768, e.chain[i]);
+        ASSERT_EQ(-32768, e.head[i]);
+    }
     // The hash rows: 768 values in 0..32767, well spread.
     std::vector<int> seen(32768);
     for (int i = 0; i < 768; ++i) {
