@@ -476,10 +476,10 @@ OzrResult ozrsEncodeLZSSInit_8u(OzrLZSSState* pLZSSState);
  * ozrWarnDstSizeLess: the output filled up (on entry, when *pDstLen is 0); the in/out
  * arguments show what was consumed and written, the record holds the bits not yet
  * written, and the caller calls again with more room and the input not consumed
- * (the stream is then the same as with enough room). *pSrcLen 0 (with some room):
- * ozrOk, nothing done (pending bits stay pending). Errors: any of the five
- * pointers, *ppSrc or *ppDst null -> ozrErrNullPointer; *pSrcLen or *pDstLen
- * negative -> ozrErrSize. */
+ * (the stream is then the same as with enough room). Bytes of the room past those
+ * written may have been changed. *pSrcLen 0 (with some room): ozrOk, nothing done
+ * (pending bits stay pending). Errors: any of the five pointers, *ppSrc or *ppDst
+ * null -> ozrErrNullPointer; *pSrcLen or *pDstLen negative -> ozrErrSize. */
 OzrResult ozrsEncodeLZSS_8u(Ozr8u** ppSrc, int* pSrcLen, Ozr8u** ppDst, int* pDstLen,
                             OzrLZSSState* pLZSSState);
 
