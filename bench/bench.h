@@ -90,6 +90,7 @@ double measure(const Options& o, uint64_t bytes, const std::function<void()>& fn
 struct Suite {
     std::string family;
     std::function<void(const Corpus&, const Options&, Table&)> run;
+    bool onRequest = false;  // runs only when named in --only
 };
 
 std::vector<Suite>& suites();
