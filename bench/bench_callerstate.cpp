@@ -1,6 +1,7 @@
 // What a calling program leaves behind, measured: buffers at byte offsets 1..15 from
-// a 64-byte boundary (suite "offsets"), and the first call of each entry point in a
-// fresh process and after the process has been idle (suite "cold"). Both run only
+// a 64-byte boundary (suite "offsets"), a dirty upper register state next to a clean
+// one, measured in turn (suite "upper"), and the first call of each entry point in a
+// fresh process and after the process has been idle (suite "cold"). They run only
 // when named in --only; "cold" must be the first suite of its process to see first
 // calls, so run it alone: `ozrdc bench --only cold`.
 #include <libdeflate.h>
@@ -43,10 +44,16 @@ std::vector<float> zfpField() {
     return f;
 }
 
-// ---- offsets ---------------------------------------------------------------------------
+// ---- The families' main operations, ours beside a peer's -----------------------------
 
-void runOffsets(const Corpus& c, const Options& o, Table& t) {
-    const Sample& s = c.files.front();  // one file is enough to see the effect
+// Receives one operation: its name, the implementation, whether it is ours, the input
+// bytes of one call of fn, a note, and fn.
+using AddFn = std::function<void(const char* name, const char* impl, bool ours, uint64_t bytes, const char* note,
+                                 const std::function<void()>& fn)>;
+
+// Hands each landed family's main operations to add, every buffer k bytes past a
+// 64-byte boundary: the sample s for the byte codecs, a 64^3 float field for ZFP.
+void eachOperation(const Sample& s, unsigned k, const AddFn& add) {
     const size_t n = s.data.size();
     const int cap = LZ4_compressBound(int(n));
     int tableSize = 0;
@@ -62,96 +69,137 @@ void runOffsets(const Corpus& c, const Options& o, Table& t) {
     const size_t fieldBytes = field.size() * 4;
     volatile uint32_t sink = 0;
 
-    for (unsigned k = 0; k < 16; ++k) {
-        Placed src(n, k), dst(size_t(cap) + n / 16 + 64, k), back(n, k);
-        std::memcpy(src.p, s.data.data(), n);
-        char note[48];
-        std::snprintf(note, sizeof note, "%s, offset %u", s.name.c_str(), k);
-        auto op = [&](const char* name) { return std::string(name) + " @" + std::to_string(k); };
-        char fieldNote[48];
-        std::snprintf(fieldNote, sizeof fieldNote, "%d^3 floats, offset %u", ZN, k);
-        auto add = [&](const char* name, const char* impl, bool ours, uint64_t bytes, const std::function<void()>& fn) {
-            const bool floats = std::strncmp(name, "zfp", 3) == 0;
-            t.add({op(name), impl, ours, measure(o, bytes, fn), bytes, 0, floats ? fieldNote : note});
-        };
+    Placed src(n, k), dst(size_t(cap) + n / 16 + 64, k), back(n, k);
+    std::memcpy(src.p, s.data.data(), n);
+    char note[48];
+    std::snprintf(note, sizeof note, "%s, offset %u", s.name.c_str(), k);
+    char fieldNote[48];
+    std::snprintf(fieldNote, sizeof fieldNote, "%d^3 floats, offset %u", ZN, k);
+    auto op = [&](const char* name, const char* impl, bool ours, uint64_t bytes, const std::function<void()>& fn) {
+        add(name, impl, ours, bytes, std::strncmp(name, "zfp", 3) == 0 ? fieldNote : note, fn);
+    };
 
-        add("crc32", "ozrdc", true, n, [&] { Ozr32u v = 0; ozrsCRC32_8u(src.p, int(n), &v); sink = v; });
-        add("crc32", "libdeflate", false, n, [&] { sink = libdeflate_crc32(0, src.p, n); });
-        add("adler32", "ozrdc", true, n, [&] { Ozr32u v = 1; ozrsAdler32_8u(src.p, int(n), &v); sink = v; });
-        add("adler32", "libdeflate", false, n, [&] { sink = libdeflate_adler32(1, src.p, n); });
+    op("crc32", "ozrdc", true, n, [&] { Ozr32u v = 0; ozrsCRC32_8u(src.p, int(n), &v); sink = v; });
+    op("crc32", "libdeflate", false, n, [&] { sink = libdeflate_crc32(0, src.p, n); });
+    op("adler32", "ozrdc", true, n, [&] { Ozr32u v = 1; ozrsAdler32_8u(src.p, int(n), &v); sink = v; });
+    op("adler32", "libdeflate", false, n, [&] { sink = libdeflate_adler32(1, src.p, n); });
 
-        int lz4Len = 0;
-        add("lz4 compress", "ozrdc", true, n, [&] { ozrsEncodeLZ4_8u(src.p, int(n), dst.p, &lz4Len, table.data()); });
-        add("lz4 compress", "liblz4", false, n, [&] {
-            lz4Len = LZ4_compress_fast_extState(lz4State.data(), reinterpret_cast<const char*>(src.p),
-                                                reinterpret_cast<char*>(dst.p), int(n), cap, 1);
-        });
-        add("lz4 decompress", "ozrdc", true, n, [&] { int len = int(n); ozrsDecodeLZ4_8u(dst.p, lz4Len, back.p, &len); });
-        add("lz4 decompress", "liblz4", false, n, [&] {
-            LZ4_decompress_safe(reinterpret_cast<const char*>(dst.p), reinterpret_cast<char*>(back.p), lz4Len, int(n));
-        });
+    int lz4Len = 0;
+    op("lz4 compress", "ozrdc", true, n, [&] { ozrsEncodeLZ4_8u(src.p, int(n), dst.p, &lz4Len, table.data()); });
+    op("lz4 compress", "liblz4", false, n, [&] {
+        lz4Len = LZ4_compress_fast_extState(lz4State.data(), reinterpret_cast<const char*>(src.p),
+                                            reinterpret_cast<char*>(dst.p), int(n), cap, 1);
+    });
+    op("lz4 decompress", "ozrdc", true, n, [&] { int len = int(n); ozrsDecodeLZ4_8u(dst.p, lz4Len, back.p, &len); });
+    op("lz4 decompress", "liblz4", false, n, [&] {
+        LZ4_decompress_safe(reinterpret_cast<const char*>(dst.p), reinterpret_cast<char*>(back.p), lz4Len, int(n));
+    });
 
-        Ozr32u lzoLen = 0;
-        add("lzo1x compress", "ozrdc", true, n, [&] {
-            ozrsEncodeLZOInit_8u(0, 0, st);
-            lzoLen = Ozr32u(cap + n / 16);
-            ozrsEncodeLZO_8u(src.p, Ozr32u(n), dst.p, &lzoLen, st);
-        });
-        add("lzo1x compress", "liblzo2", false, n, [&] {
-            lzo_uint len = lzo_uint(cap) + n / 16;
-            lzo1x_1_compress(src.p, n, dst.p, &len, lzoWork.data());
-            lzoLen = Ozr32u(len);
-        });
-        add("lzo1x decompress safe", "ozrdc", true, n, [&] {
-            Ozr32u len = Ozr32u(n);
-            ozrsDecodeLZOSafe_8u(dst.p, lzoLen, back.p, &len);
-        });
-        add("lzo1x decompress safe", "liblzo2", false, n, [&] {
-            lzo_uint len = n;
-            lzo1x_decompress_safe(dst.p, lzoLen, back.p, &len, nullptr);
-        });
+    Ozr32u lzoLen = 0;
+    op("lzo1x compress", "ozrdc", true, n, [&] {
+        ozrsEncodeLZOInit_8u(0, 0, st);
+        lzoLen = Ozr32u(cap + n / 16);
+        ozrsEncodeLZO_8u(src.p, Ozr32u(n), dst.p, &lzoLen, st);
+    });
+    op("lzo1x compress", "liblzo2", false, n, [&] {
+        lzo_uint len = lzo_uint(cap) + n / 16;
+        lzo1x_1_compress(src.p, n, dst.p, &len, lzoWork.data());
+        lzoLen = Ozr32u(len);
+    });
+    op("lzo1x decompress safe", "ozrdc", true, n, [&] {
+        Ozr32u len = Ozr32u(n);
+        ozrsDecodeLZOSafe_8u(dst.p, lzoLen, back.p, &len);
+    });
+    op("lzo1x decompress safe", "liblzo2", false, n, [&] {
+        lzo_uint len = n;
+        lzo1x_decompress_safe(dst.p, lzoLen, back.p, &len, nullptr);
+    });
 
-        // ZFP at rate 8 on a 64^3 field whose floats start k bytes past the boundary.
-        Placed fsrc(fieldBytes, k), fdst(fieldBytes, k), zbuf(fieldBytes + 1024, k);
-        std::memcpy(fsrc.p, field.data(), fieldBytes);
-        auto* in = reinterpret_cast<const Ozr32f*>(fsrc.p);
-        auto* outF = reinterpret_cast<Ozr32f*>(fdst.p);
-        const int row = ZN * 4, plane = ZN * ZN * 4;
-        size_t zsize = 0;
-        add("zfp compress rate 8", "ozrdc", true, fieldBytes, [&] {
-            OzrsZfpState_32f zs;
-            ozrsEncodeZfpInitLong_32f(zbuf.p, fieldBytes + 1024, &zs);
-            ozrsEncodeZfpSet_32f(512, 512, 64, -10740, &zs);
-            for (int z = 0; z < ZN; z += 4)
-                for (int y = 0; y < ZN; y += 4)
-                    for (int x = 0; x < ZN; x += 4) ozrsEncodeZfp444_32f(in + (size_t(z) * ZN + y) * ZN + x, row, plane, &zs);
-            ozrsEncodeZfpFlush_32f(&zs);
-            Ozr64u len = 0;
-            ozrsEncodeZfpGetCompressedSizeLong_32f(&zs, &len);
-            zsize = size_t(len);
-        });
-        add("zfp decompress rate 8", "ozrdc", true, fieldBytes, [&] {
-            OzrsZfpState_32f zs;
-            ozrsDecodeZfpInitLong_32f(zbuf.p, zsize, &zs);
-            ozrsDecodeZfpSet_32f(512, 512, 64, -10740, &zs);
-            for (int z = 0; z < ZN; z += 4)
-                for (int y = 0; y < ZN; y += 4)
-                    for (int x = 0; x < ZN; x += 4) ozrsDecodeZfp444_32f(&zs, outF + (size_t(z) * ZN + y) * ZN + x, row, plane);
-        });
-        zfp_field* zf = zfp_field_3d(const_cast<Ozr32f*>(in), zfp_type_float, ZN, ZN, ZN);
-        zfp_field* zo = zfp_field_3d(outF, zfp_type_float, ZN, ZN, ZN);
-        zfp_stream* zp = zfp_stream_open(nullptr);
-        zfp_stream_set_rate(zp, 8, zfp_type_float, 3, zfp_false);
-        bitstream* bs = stream_open(zbuf.p, fieldBytes + 1024);
-        zfp_stream_set_bit_stream(zp, bs);
-        add("zfp compress rate 8", "libzfp", false, fieldBytes, [&] { zfp_stream_rewind(zp); zfp_compress(zp, zf); });
-        add("zfp decompress rate 8", "libzfp", false, fieldBytes, [&] { zfp_stream_rewind(zp); zfp_decompress(zp, zo); });
-        zfp_field_free(zf);
-        zfp_field_free(zo);
-        zfp_stream_close(zp);
-        stream_close(bs);
-    }
+    // ZFP at rate 8 on a 64^3 field whose floats start k bytes past the boundary.
+    Placed fsrc(fieldBytes, k), fdst(fieldBytes, k), zbuf(fieldBytes + 1024, k);
+    std::memcpy(fsrc.p, field.data(), fieldBytes);
+    auto* in = reinterpret_cast<const Ozr32f*>(fsrc.p);
+    auto* outF = reinterpret_cast<Ozr32f*>(fdst.p);
+    const int row = ZN * 4, plane = ZN * ZN * 4;
+    size_t zsize = 0;
+    op("zfp compress rate 8", "ozrdc", true, fieldBytes, [&] {
+        OzrsZfpState_32f zs;
+        ozrsEncodeZfpInitLong_32f(zbuf.p, fieldBytes + 1024, &zs);
+        ozrsEncodeZfpSet_32f(512, 512, 64, -10740, &zs);
+        for (int z = 0; z < ZN; z += 4)
+            for (int y = 0; y < ZN; y += 4)
+                for (int x = 0; x < ZN; x += 4) ozrsEncodeZfp444_32f(in + (size_t(z) * ZN + y) * ZN + x, row, plane, &zs);
+        ozrsEncodeZfpFlush_32f(&zs);
+        Ozr64u len = 0;
+        ozrsEncodeZfpGetCompressedSizeLong_32f(&zs, &len);
+        zsize = size_t(len);
+    });
+    op("zfp decompress rate 8", "ozrdc", true, fieldBytes, [&] {
+        OzrsZfpState_32f zs;
+        ozrsDecodeZfpInitLong_32f(zbuf.p, zsize, &zs);
+        ozrsDecodeZfpSet_32f(512, 512, 64, -10740, &zs);
+        for (int z = 0; z < ZN; z += 4)
+            for (int y = 0; y < ZN; y += 4)
+                for (int x = 0; x < ZN; x += 4) ozrsDecodeZfp444_32f(&zs, outF + (size_t(z) * ZN + y) * ZN + x, row, plane);
+    });
+    zfp_field* zf = zfp_field_3d(const_cast<Ozr32f*>(in), zfp_type_float, ZN, ZN, ZN);
+    zfp_field* zo = zfp_field_3d(outF, zfp_type_float, ZN, ZN, ZN);
+    zfp_stream* zp = zfp_stream_open(nullptr);
+    zfp_stream_set_rate(zp, 8, zfp_type_float, 3, zfp_false);
+    bitstream* bs = stream_open(zbuf.p, fieldBytes + 1024);
+    zfp_stream_set_bit_stream(zp, bs);
+    op("zfp compress rate 8", "libzfp", false, fieldBytes, [&] { zfp_stream_rewind(zp); zfp_compress(zp, zf); });
+    op("zfp decompress rate 8", "libzfp", false, fieldBytes, [&] { zfp_stream_rewind(zp); zfp_decompress(zp, zo); });
+    zfp_field_free(zf);
+    zfp_field_free(zo);
+    zfp_stream_close(zp);
+    stream_close(bs);
 }
+
+// ---- offsets ---------------------------------------------------------------------------
+
+void runOffsets(const Corpus& c, const Options& o, Table& t) {
+    for (unsigned k = 0; k < 16; ++k)
+        eachOperation(c.files.front(), k,
+                      [&](const char* name, const char* impl, bool ours, uint64_t bytes, const char* note,
+                          const std::function<void()>& fn) {
+                          t.add({std::string(name) + " @" + std::to_string(k), impl, ours, measure(o, bytes, fn),
+                                 bytes, 0, note});
+                      });
+}
+
+// ---- upper -------------------------------------------------------------------------------
+// Each operation with a clean and with a dirty upper register state, the two measured
+// in turn three times so that the machine's drift hits both alike.
+
+void runUpper(const Corpus& c, const Options& o, Table& t) {
+    Options clean = o, dirty = o;
+    clean.dirtyUpper = false;
+    dirty.dirtyUpper = true;
+    clean.minSeconds = dirty.minSeconds = o.minSeconds / 3;
+    clean.repeats = dirty.repeats = 1;
+    const char* how = hasAvx2() ? "upper halves dirtied before each pass" : "no AVX2 here: both clean";
+    std::vector<Row> rows;
+    eachOperation(c.files.front(), 0,
+                  [&](const char* name, const char* impl, bool ours, uint64_t bytes, const char*,
+                      const std::function<void()>& fn) {
+                      double bestClean = 0, bestDirty = 0;
+                      for (int r = 0; r < 3; ++r) {
+                          bestClean = std::max(bestClean, measure(clean, bytes, fn));
+                          bestDirty = std::max(bestDirty, measure(dirty, bytes, fn));
+                      }
+                      rows.push_back({std::string(name) + ", clean", impl, ours, bestClean, bytes, 0, ""});
+                      rows.push_back({std::string(name) + ", dirty", impl, ours, bestDirty, bytes, 0, how});
+                  });
+    // Each operation's rows together: ours and the peer, clean, then dirty.
+    std::vector<std::string> ops;
+    for (const Row& r : rows)
+        if (std::find(ops.begin(), ops.end(), r.op) == ops.end()) ops.push_back(r.op);
+    for (const std::string& op : ops)
+        for (const Row& r : rows)
+            if (r.op == op) t.add(r);
+}
+
 
 // ---- cold --------------------------------------------------------------------------------
 
@@ -275,6 +323,7 @@ void runCold(const Corpus& c, const Options&, Table& t) {
 }
 
 const RegisterSuite kOffsets{{"offsets", runOffsets, true}};
+const RegisterSuite kUpper{{"upper", runUpper, true}};
 const RegisterSuite kCold{{"cold", runCold, true}};
 
 }  // namespace
