@@ -43,6 +43,9 @@ struct Options {
     // Leave the upper halves of the vector registers dirty before each timed pass, as
     // a caller's AVX code that returns without vzeroupper would (both sides alike).
     bool dirtyUpper = false;
+    // Time passes by the thread's CPU time instead of the wall clock: steadier when
+    // other processes compete for the cores (it still counts their cache damage).
+    bool cpuTime = false;
 };
 
 // ---- The caller's AVX state ----------------------------------------------------------
