@@ -8,7 +8,8 @@
 # MB/s medians are printed beside them.
 #
 # Timing-based: on a busy machine a round can be slow for other reasons, hence the
-# ratios, the alternation and the medians. Labelled `timing` and left out of the default test run.
+# thread CPU clock (--cpu-time), the ratios, the alternation and the medians.
+# Labelled `timing` and left out of the default test run.
 # Usage: check_bench_order.sh path/to/ozrdc [rounds] [seconds-per-measurement]
 set -u
 tool=$1 rounds=${2:-5} seconds=${3:-0.05}
@@ -18,7 +19,7 @@ for ((r = 0; r < rounds; ++r)); do
   # Alternate which order runs first in a round, so that drift hits both alike.
   for order in $([ $((r % 2)) = 0 ] && echo "alone after" || echo "after alone"); do
     if [ "$order" = alone ]; then families="zfp"; else families="checksum zfp"; fi
-    "$tool" bench --json --seconds "$seconds" --only $families >"$tmp/out" || { echo "bench failed"; exit 1; }
+    "$tool" bench --json --cpu-time --seconds "$seconds" --only $families >"$tmp/out" || { echo "bench failed"; exit 1; }
     # One row per line: {"op": "...", "impl": "...", ..., "mbps": N, "ratio": R, ...}
     sed -n 's/.*"op": "\(zfp[^"]*\)", "impl": "\([^"]*\)".*"mbps": \([0-9.]*\), "ratio": \([0-9.]*\).*/\1|\2|\3|\4/p' \
       "$tmp/out" | sed "s/^/$order|/" >>"$tmp/all"
