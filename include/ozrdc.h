@@ -22,6 +22,13 @@
  *   - Lengths are signed 32-bit unless a function says otherwise.
  *   - "in/out" length pointers hold the room (or input) available on entry and are
  *     updated with what was consumed or produced on return.
+ *   - The caller's processor state: the code uses SSE3 and below. Where the
+ *     processor and the OS have AVX state, every entry point that runs vector code
+ *     starts with vzeroupper (chosen once, when the library is loaded), so that AVX
+ *     code of the caller's that returned with dirty upper register halves does not
+ *     slow it down; vector registers are call-clobbered, so nothing is lost. Results
+ *     never depend on MXCSR (flush-to-zero, denormals-are-zero, rounding): the ZFP
+ *     coders run in the default modes and give the caller's MXCSR back as it was.
  *
  * Valid C99 and C++. Link with -lozrdcm7 (pkg-config: ozrdc; CMake: ozrdc::ozrdc).
  */
