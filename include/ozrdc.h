@@ -123,6 +123,147 @@ OzrResult ozrsCRC32_BZ2_8u(const Ozr8u* pSrc, Ozr32s len, Ozr32u* pCRC);
 OzrResult ozrsAdler32_8u(const Ozr8u* pSrc, Ozr32s len, Ozr32u* pAdler);
 
 /* ==== Deflate encoder ========================================================= */
+/*
+ * The Deflate (RFC 1951) encoder in pieces. The caller owns every table and buffer
+ * and strings the calls together:
+ *
+ *   1. Allocate a window of winSize bytes (a power of two, 256..32768), a hash head
+ *      table of hashSize Ozr32s (a power of two, 256..65536) and a hash previous
+ *      table of winSize Ozr32s; fill both tables with -32768 (the empty mark).
+ *      Optionally prime them with a preset dictionary (ozrsDeflateDictionarySet_8u).
+ *   2. Per block: clear the two frequency tables, call ozrsDeflateLZ77_8u (or a
+ *      matcher directly) over successive pieces of input. Each call turns bytes into
+ *      the intermediate sequence -- two parallel buffers, Ozr8u literal or match
+ *      length - 3, Ozr16u 0 for a literal or the match distance 1..32768 -- and adds
+ *      1 to the frequency of every symbol it emits. Before the next call the caller
+ *      puts the winSize bytes that precede the next unread byte into the window
+ *      (window[winSize - 1] is the byte right before it).
+ *   3. Build Huffman codes from the counts (remember the end-of-block symbol 256),
+ *      write the block header, call ozrsDeflateHuff_8u over the sequence, then write
+ *      the end-of-block code. Header, body and end code share the caller's pending
+ *      bits (an Ozr16u of bits, lowest first, and their count).
+ *
+ * Positions: every byte has a position in a running 32-bit index space shared by
+ * the hash tables; *pSrcIdx is the position of the next unread byte. A match may
+ * reach back up to winSize - 1 bytes, into this call's source or into the window.
+ * The frequency halves are 16-bit: a block of more than 65535 entries may wrap them.
+ *
+ * Levels 0..29 of ozrsDeflateLZ77_8u: three tunings of the 0..9 scale (the last
+ * digit is the effort; levels 0, 10, 20 emit literals only). Last digit 0..4 runs
+ * the greedy matcher, 5..9 the lazy one. Neither emits a match shorter than 4.
+ *
+ * The one-pass fastest mode (the ...Fastest... functions) matches and writes
+ * Huffman codes in one pass, with no intermediate sequence and no chains: one probe
+ * per position in the hash head table, a greedy match of 4..258 bytes, its codes
+ * written at once through a 64-bit bit buffer. Its codes come from statistics: a
+ * sample of the block (or the previous block) is counted with
+ * ozrsDeflateLZ77FastestGetStat_8u, ozrsDeflateLZ77FastestGenHuffTable_8u makes a
+ * 15-bit-limited code in which every symbol has a code (so any data can be coded
+ * with it), ozrsDeflateLZ77FastestGenHeader_8u writes that code's dynamic block
+ * header once into a small buffer, and ozrsDeflateLZ77FastestPrecompHeader_8u
+ * copies the ready header into the stream at the current bit for each block that
+ * reuses it. ozr_static_ltree / ozr_static_dtree are the fixed code of RFC 1951 in
+ * the same form, the fallback for small blocks (header bits: 1 for BFINAL, then
+ * BTYPE 01).
+ */
+
+/* A frequency entry: freq is counted by the matchers; code is free for the caller. */
+typedef struct OzrDeflateFreqTable {
+    Ozr16u freq;
+    Ozr16u code;
+} OzrDeflateFreqTable;
+
+/* A code entry: the code already bit-reversed (written lowest bit first as it
+ * stands) and its length in bits, 1..15. */
+typedef struct OzrDeflateHuffCode {
+    Ozr16u code;
+    Ozr16u len;
+} OzrDeflateHuffCode;
+
+/* LZ77 pass at level comprLevel (0..29). Consumes bytes at *ppSrc (advancing
+ * *ppSrc, *pSrcIdx, reducing *pSrcLen), appends one entry per literal or match to
+ * pLitDst / pDistDst (reducing *pDstLen, the free entries of both buffers) and adds
+ * 1 to the frequency of each emitted symbol in pLitFreqTable (286 entries: literals,
+ * 256, length codes 257..285) and pDistFreqTable (30 distance codes); the tables
+ * are never cleared here. flush < 2: the last 261 unread bytes are left for the
+ * next call (matches are never cut by the end of a piece), and so is a lazy match
+ * decision that the next bytes could change; flush >= 2: everything is consumed,
+ * the tail with shorter matches and literals. A call stops early, consistently,
+ * when the free entries run out, and consumes at most 2^30 bytes.
+ * The source index may be rebased (hash entries and *pSrcIdx lowered together,
+ * *pSrcIdx becoming winSize) when positions approach 2^31.
+ * Status: level < 0 or > 29 -> ozrErrSize (checked first); then as
+ * ozrsDeflateLZ77Fast_8u. */
+OzrResult ozrsDeflateLZ77_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx,
+                             const Ozr8u* pWindow, Ozr32u winSize,
+                             Ozr32s* pHashHead, Ozr32s* pHashPrev, Ozr32u hashSize,
+                             OzrDeflateFreqTable pLitFreqTable[286],
+                             OzrDeflateFreqTable pDistFreqTable[30],
+                             Ozr8u* pLitDst, Ozr16u* pDistDst, Ozr32u* pDstLen,
+                             int comprLevel, int flush);
+
+/* The greedy matcher (the longest match found is emitted at once) and the lazy one
+ * (a match is held one byte, and a strictly longer one at the next byte wins), with
+ * the arguments of ozrsDeflateLZ77_8u except that pParams points at the four level
+ * parameters {maxChain, goodLength, niceLength, maxLazy}: chain links followed
+ * (0: literals only), the match length that cuts the chain to a quarter, the length
+ * that ends the search, and (greedy) the longest match whose inner positions are
+ * hashed / (lazy) the length from which no better match is looked for.
+ * Status: any pointer, *ppSrc or pParams null -> ozrErrNullPointer; winSize outside
+ * 256..32768 or hashSize outside 256..65536 -> ozrErrSize; maxChain negative, or
+ * non-zero with another parameter below 4 -> ozrErrBadArgument; else ozrOk. */
+OzrResult ozrsDeflateLZ77Fast_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx,
+                                 const Ozr8u* pWindow, Ozr32u winSize,
+                                 Ozr32s* pHashHead, Ozr32s* pHashPrev, Ozr32u hashSize,
+                                 OzrDeflateFreqTable pLitFreqTable[286],
+                                 OzrDeflateFreqTable pDistFreqTable[30],
+                                 Ozr8u* pLitDst, Ozr16u* pDistDst, Ozr32u* pDstLen,
+                                 const Ozr32u* pParams, int flush);
+OzrResult ozrsDeflateLZ77Slow_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx,
+                                 const Ozr8u* pWindow, Ozr32u winSize,
+                                 Ozr32s* pHashHead, Ozr32s* pHashPrev, Ozr32u hashSize,
+                                 OzrDeflateFreqTable pLitFreqTable[286],
+                                 OzrDeflateFreqTable pDistFreqTable[30],
+                                 Ozr8u* pLitDst, Ozr16u* pDistDst, Ozr32u* pDstLen,
+                                 const Ozr32u* pParams, int flush);
+
+/* Enters the positions srcIdx .. srcIdx + srcLen - 4 (level > 0; 4-byte hash, head
+ * and previous) or srcIdx .. srcIdx + srcLen - 3 (level <= 0; 3-byte rolling hash,
+ * head only) of pSrc into the hash tables, emitting nothing: for data sent as a
+ * stored block or otherwise passed over. Shorter spans do nothing.
+ * Status: pSrc, pHashHeadDst or pHashPrevDst null -> ozrErrNullPointer; winSize or
+ * hashSize out of range -> ozrErrSize; else ozrOk. */
+OzrResult ozrsDeflateUpdateHash_8u(const Ozr8u* pSrc, Ozr32u srcIdx, Ozr32u srcLen,
+                                   Ozr32s* pHashHeadDst, Ozr32u hashSize,
+                                   Ozr32s* pHashPrevDst, Ozr32u winSize, int comprLevel);
+
+/* Preset dictionary: copies the last min(dictLen, winSize) bytes of pDictSrc to the
+ * start of pWindow and, when at least 258 were copied, enters their positions
+ * 0 .. copied - 258 into the hash tables as ozrsDeflateUpdateHash_8u does. The
+ * positions equal the window offsets, so the first ozrsDeflateLZ77_8u call starts
+ * with *pSrcIdx = winSize: use a dictionary of at least winSize bytes (a shorter one
+ * leaves a gap between its end and the data that the distances would count).
+ * A dictionary shorter than 4 bytes (level 0: 3) does nothing.
+ * Status: pDictSrc, pHashHeadDst, pHashPrevDst or pWindow null -> ozrErrNullPointer;
+ * winSize or hashSize out of range -> ozrErrSize; else ozrOk. */
+OzrResult ozrsDeflateDictionarySet_8u(const Ozr8u* pDictSrc, Ozr32u dictLen,
+                                      Ozr32s* pHashHeadDst, Ozr32u hashSize,
+                                      Ozr32s* pHashPrevDst, Ozr8u* pWindow,
+                                      Ozr32u winSize, int comprLevel);
+
+/* Huffman-codes srcLen entries of the intermediate sequence with the caller's codes
+ * (every symbol met must have a length): literal codes, length codes with their
+ * extra bits, distance codes with theirs, LSB first, behind the *pCodeLenBits
+ * (0..16) pending bits in *pCode. Bytes go to pDst from index *pDstIdx on, which is
+ * advanced; the 0..7 bits of the last partial byte are handed back in *pCode and
+ * *pCodeLenBits. Writes no header and no end-of-block code. There is no output
+ * length: the caller provides 6 bytes per entry plus 2 for the pending bits.
+ * Status: any pointer null -> ozrErrNullPointer; else ozrOk. */
+OzrResult ozrsDeflateHuff_8u(const Ozr8u* pLitSrc, const Ozr16u* pDistSrc, Ozr32u srcLen,
+                             Ozr16u* pCode, Ozr32u* pCodeLenBits,
+                             OzrDeflateHuffCode pLitHuffCodes[286],
+                             OzrDeflateHuffCode pDistHuffCodes[30],
+                             Ozr8u* pDst, Ozr32u* pDstIdx);
 
 
 
