@@ -7,6 +7,7 @@ set(OZRDC_BUILT_GROUPS
   core
   checksum
   deflate
+  deflate_fastest
   lz4
   lz4hc
   lzo

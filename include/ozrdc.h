@@ -162,9 +162,14 @@ OzrResult ozrsAdler32_8u(const Ozr8u* pSrc, Ozr32s len, Ozr32u* pAdler);
  * with it), ozrsDeflateLZ77FastestGenHeader_8u writes that code's dynamic block
  * header once into a small buffer, and ozrsDeflateLZ77FastestPrecompHeader_8u
  * copies the ready header into the stream at the current bit for each block that
- * reuses it. ozr_static_ltree / ozr_static_dtree are the fixed code of RFC 1951 in
- * the same form, the fallback for small blocks (header bits: 1 for BFINAL, then
- * BTYPE 01).
+ * reuses it. The fixed code of RFC 1951 (mode 1 of the table generator) is the
+ * fallback for small blocks, whose header is just BFINAL and BTYPE 01 (3 bits).
+ * A stream: per block, [GetStat on a sample] -> GenHuffTable -> GenHeader ->
+ * PrecompHeader -> Fastest (flush 3 on the block's last piece); after the final
+ * block, write out the pending bits as one more byte.
+ *
+ * The tables of the functions below are also the form that ozrsDeflateHuff_8u
+ * takes: the chained matchers' counts may go through GenHuffTable and GenHeader.
  */
 
 /* A frequency entry: freq is counted by the matchers; code is free for the caller. */
@@ -264,6 +269,76 @@ OzrResult ozrsDeflateHuff_8u(const Ozr8u* pLitSrc, const Ozr16u* pDistSrc, Ozr32
                              OzrDeflateHuffCode pLitHuffCodes[286],
                              OzrDeflateHuffCode pDistHuffCodes[30],
                              Ozr8u* pDst, Ozr32u* pDstIdx);
+
+/* ---- The one-pass fastest mode ---- */
+
+/* Matches and writes Huffman codes in one pass: literals and matches of the bytes at
+ * *ppSrc are coded with pLitCodes / pDistCodes (every symbol must have a code, as
+ * ozrsDeflateLZ77FastestGenHuffTable_8u makes them) behind the *pCodeLenBits
+ * (0..16) pending bits in *pCode, into pDst from byte *pDstIdx on (pDst holds
+ * dstLen bytes). pWindow, winSize, pHashHead, hashSize, *pSrcIdx: as for
+ * ozrsDeflateLZ77_8u (head table only; fill it with -32768 first, and do not share
+ * it with the chained matchers: this mode hashes differently). flush < 2: the last
+ * 261 unread bytes are left for the next call; 2: everything is coded; 3: as 2, then
+ * the end-of-block code. No block header is written. On return *ppSrc, *pSrcLen,
+ * *pSrcIdx, *pDstIdx, *pCode and *pCodeLenBits (0..7, or up to 16 when the output
+ * is full) are advanced.
+ * Status: any pointer or *ppSrc null -> ozrErrNullPointer; winSize or hashSize out
+ * of range, dstLen 0, *pDstIdx > dstLen or *pCodeLenBits > 16 -> ozrErrSize;
+ * ozrWarnDstSizeLess when fewer than 16 bytes of room stopped it before the input
+ * (and, for flush 3, the end code) was done: call again with more room; else ozrOk. */
+OzrResult ozrsDeflateLZ77Fastest_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx,
+                                    const Ozr8u* pWindow, Ozr32u winSize,
+                                    Ozr32s* pHashHead, Ozr32u hashSize,
+                                    Ozr8u* pDst, Ozr32u dstLen, Ozr32u* pDstIdx,
+                                    Ozr16u* pCode, Ozr32u* pCodeLenBits,
+                                    const OzrDeflateHuffCode pLitCodes[286],
+                                    const OzrDeflateHuffCode pDistCodes[30], int flush);
+
+/* Statistics for the fastest mode's codes: runs its matcher over srcLen bytes at
+ * pSrc (a sample of the block to come, or the previous block), with a hash table of
+ * its own on the stack and no history, and adds 1 per symbol it would write to
+ * pLitStat (286 counts) and pDistStat (30); the counts are not cleared.
+ * Status: a pointer null -> ozrErrNullPointer; srcLen <= 0 -> ozrErrSize; else ozrOk. */
+OzrResult ozrsDeflateLZ77FastestGetStat_8u(const Ozr8u* pSrc, Ozr32s srcLen,
+                                           Ozr32u pLitStat[286], Ozr32u pDistStat[30]);
+
+/* Codes for the fastest mode or ozrsDeflateHuff_8u. mode 0: Huffman codes from the
+ * counts, every count raised by one so that every symbol has a code (the data coded
+ * may differ from the sample), lengths at most 15 bits (the counts are flattened
+ * until the code fits). mode 2: the same from exact counts (the counts of a
+ * chained matcher's block): a symbol counted 0 gets no code, except the
+ * end-of-block symbol, and distance code 0 when no distance was counted. mode 1: the
+ * fixed code of RFC 1951; the counts are not read and may be null.
+ * Status: pLitCodes or pDistCodes null, or (mode 0) a count pointer null ->
+ * ozrErrNullPointer; mode other than 0, 1, 2 -> ozrErrBadArgument; else ozrOk. */
+OzrResult ozrsDeflateLZ77FastestGenHuffTable_8u(const Ozr32u pLitStat[286], const Ozr32u pDistStat[30],
+                                                OzrDeflateHuffCode pLitCodes[286],
+                                                OzrDeflateHuffCode pDistCodes[30], int mode);
+
+/* Writes the dynamic block header (BFINAL 0, BTYPE 10, HLIT, HDIST, HCLEN, the
+ * code-length code and the run-length coded lengths) that describes these codes
+ * into pHeader (headerRoom bytes; 320 always suffice), from bit 0 of byte 0, and
+ * stores its length in bits in *pHeaderBits. Trailing unused symbols are dropped
+ * (at least 257 literal/length and 1 distance lengths are kept).
+ * Status: a pointer null -> ozrErrNullPointer; headerRoom 0 -> ozrErrSize; a length
+ * above 15 or no code for the end-of-block symbol -> ozrErr; the header does not
+ * fit -> ozrWarnDstSizeLess (*pHeaderBits unchanged); else ozrOk. */
+OzrResult ozrsDeflateLZ77FastestGenHeader_8u(const OzrDeflateHuffCode pLitCodes[286],
+                                             const OzrDeflateHuffCode pDistCodes[30],
+                                             Ozr8u* pHeader, Ozr32u headerRoom, Ozr32u* pHeaderBits);
+
+/* Places a ready header (headerBits bits at pHeader, as ozrsDeflateLZ77FastestGenHeader_8u
+ * wrote it) into the stream behind the *pCodeLenBits (0..16) pending bits in *pCode:
+ * bytes go to pDst (dstLen bytes) from *pDstIdx on, the header's first bit (BFINAL)
+ * set to 1 when final is non-zero; the 0..7 bits of the last partial byte come back
+ * in *pCode / *pCodeLenBits. One header serves every block coded with its codes.
+ * Status: a pointer null -> ozrErrNullPointer; headerBits < 3, dstLen 0,
+ * *pCodeLenBits > 16 or *pDstIdx > dstLen -> ozrErrSize; not enough room ->
+ * ozrWarnDstSizeLess with nothing written; else ozrOk. */
+OzrResult ozrsDeflateLZ77FastestPrecompHeader_8u(const Ozr8u* pHeader, Ozr32u headerBits,
+                                                 Ozr8u* pDst, Ozr32u dstLen, Ozr32u* pDstIdx,
+                                                 Ozr16u* pCode, Ozr32u* pCodeLenBits, int final);
 
 
 

@@ -556,3 +556,221 @@ TEST(DeflateHuff, OutputStaysWithinSixBytesPerEntryPlusPendingBytes) {
 }
 
 }  // namespace
+
+// ---- The one-pass fastest mode ---------------------------------------------------
+
+namespace {
+
+struct FastestOptions {
+    bool fixed = false;
+    size_t blockBytes = 1 << 16;   // one header per block
+    size_t pieceBytes = 1 << 30;   // calls within a block
+    Ozr32u outRoom = 1 << 20;      // output room per call
+    Ozr32u hashSize = 1 << 14;
+};
+
+// A whole raw Deflate stream from the fastest mode: per block, statistics from the
+// block's first 16 KiB, codes, header placed, data coded in pieces with the window
+// refreshed before each call.
+Bytes fastestStream(const Bytes& d, const FastestOptions& o) {
+    const Ozr32u winSize = 32768;
+    std::vector<Ozr32s> head(o.hashSize, -32768);
+    Bytes window(winSize), out;
+    std::vector<Ozr8u> room(o.outRoom);
+    Ozr16u code = 0;
+    Ozr32u bits = 0, idx = 0;
+    size_t at = 0;
+    do {
+        const size_t blockEnd = std::min(d.size(), at + o.blockBytes);
+        std::vector<OzrDeflateHuffCode> lc(286), dc(30);
+        Ozr8u header[320];
+        Ozr32u headerBits = 3;
+        if (o.fixed) {
+            EXPECT_EQ(ozrsDeflateLZ77FastestGenHuffTable_8u(nullptr, nullptr, lc.data(), dc.data(), 1), ozrOk);
+            header[0] = 2;  // BTYPE 01
+        } else {
+            std::vector<Ozr32u> ls(286, 0), ds(30, 0);
+            if (blockEnd > at)
+                EXPECT_EQ(ozrsDeflateLZ77FastestGetStat_8u(d.data() + at, static_cast<Ozr32s>(std::min<size_t>(16384, blockEnd - at)),
+                                                           ls.data(), ds.data()), ozrOk);
+            EXPECT_EQ(ozrsDeflateLZ77FastestGenHuffTable_8u(ls.data(), ds.data(), lc.data(), dc.data(), 0), ozrOk);
+            EXPECT_EQ(ozrsDeflateLZ77FastestGenHeader_8u(lc.data(), dc.data(), header, sizeof header, &headerBits), ozrOk);
+        }
+        idx = 0;
+        Ozr8u placed[330];
+        EXPECT_EQ(ozrsDeflateLZ77FastestPrecompHeader_8u(header, headerBits, placed, sizeof placed, &idx, &code, &bits,
+                                                         blockEnd == d.size()), ozrOk);
+        out.insert(out.end(), placed, placed + idx);
+        size_t pieceEnd = at;
+        for (;;) {
+            pieceEnd = std::min(blockEnd, pieceEnd + o.pieceBytes);
+            const int flush = pieceEnd == blockEnd ? 3 : 0;
+            for (;;) {
+                for (size_t i = 0; i < winSize; ++i) {
+                    const ptrdiff_t q = static_cast<ptrdiff_t>(at) - winSize + i;
+                    window[i] = q >= 0 ? d[q] : 0;
+                }
+                static const Ozr8u none = 0;
+                const Ozr8u* src = at < d.size() ? d.data() + at : &none;
+                Ozr32u len = static_cast<Ozr32u>(pieceEnd - at), sidx = static_cast<Ozr32u>(at);
+                idx = 0;
+                const OzrResult st = ozrsDeflateLZ77Fastest_8u(&src, &len, &sidx, window.data(), winSize, head.data(), o.hashSize,
+                                                               room.data(), o.outRoom, &idx, &code, &bits, lc.data(), dc.data(), flush);
+                EXPECT_TRUE(st == ozrOk || st == ozrWarnDstSizeLess) << st;
+                out.insert(out.end(), room.begin(), room.begin() + idx);
+                at = pieceEnd - len;
+                if (st == ozrOk) break;
+            }
+            if (pieceEnd == blockEnd) break;
+        }
+        at = blockEnd;
+    } while (at < d.size());
+    if (bits) out.push_back(static_cast<Ozr8u>(code));
+    return out;
+}
+
+TEST(DeflateFastest, StreamsInflateWithZlibWhateverTheBlocksPiecesAndRoom) {
+    for (const Sample& smp : samples())
+        for (int variant = 0; variant < 5; ++variant) {
+            FastestOptions o;
+            if (variant == 1) o.fixed = true;
+            if (variant == 2) { o.blockBytes = 10000; o.pieceBytes = 3001; }
+            if (variant == 3) { o.outRoom = 40; o.hashSize = 256; }
+            if (variant == 4) { o.pieceBytes = 261; o.blockBytes = 50000; }
+            SCOPED_TRACE(std::string(smp.name) + " variant " + std::to_string(variant));
+            Bytes out;
+            ASSERT_TRUE(zlibInflate(fastestStream(smp.data, o), out));
+            ASSERT_EQ(out, smp.data);
+        }
+}
+
+TEST(DeflateFastest, CompressesTextAndRunsAndBarelyGrowsRandomData) {
+    const Bytes& text = samples()[1].data;
+    EXPECT_LT(fastestStream(text, {}).size(), text.size() / 3);
+    EXPECT_LT(fastestStream(Bytes(100000, 'z'), {}).size(), 1000u);
+    const Bytes rnd = randomBytes(100000, 5);
+    EXPECT_LT(fastestStream(rnd, {}).size(), rnd.size() + rnd.size() / 50);
+}
+
+TEST(DeflateFastest, EmptyInputIsOneFinalEmptyBlock) {
+    Bytes out;
+    const Bytes s = fastestStream({}, {});
+    ASSERT_TRUE(zlibInflate(s, out));
+    EXPECT_TRUE(out.empty());
+}
+
+TEST(DeflateCodes, ExactCountsFromTheChainedMatchersMakeStreamsZlibReads) {
+    for (int level : {1, 6, 9}) {
+        LzRun cfg;
+        cfg.level = level;
+        const Seq s = runLz77(cfg, samples()[0].data);
+        std::vector<Ozr32u> ls(286), ds(30);
+        for (int i = 0; i < 286; ++i) ls[i] = s.litFreq[i].freq;
+        for (int i = 0; i < 30; ++i) ds[i] = s.distFreq[i].freq;
+        std::vector<OzrDeflateHuffCode> lc(286), dc(30);
+        ASSERT_EQ(ozrsDeflateLZ77FastestGenHuffTable_8u(ls.data(), ds.data(), lc.data(), dc.data(), 2), ozrOk);
+        for (int i = 0; i < 286; ++i) EXPECT_EQ(lc[i].len == 0, i != 256 && ls[i] == 0) << i;
+        Ozr8u header[320];
+        Ozr32u headerBits = 0;
+        ASSERT_EQ(ozrsDeflateLZ77FastestGenHeader_8u(lc.data(), dc.data(), header, sizeof header, &headerBits), ozrOk);
+        BitSink sink;
+        for (Ozr32u b = 0; b < headerBits; ++b) sink.put((header[b / 8] >> (b % 8)) & 1u, 1);
+        Bytes hb = sink.out;
+        sink.out[0] |= 1;  // BFINAL
+        ASSERT_EQ(sink.huff(s.lit.data(), s.dist.data(), static_cast<Ozr32u>(s.lit.size()), lc, dc), ozrOk);
+        sink.code(lc[256]);
+        Bytes out;
+        ASSERT_TRUE(zlibInflate(sink.finish(), out));
+        EXPECT_EQ(out, samples()[0].data);
+    }
+}
+
+TEST(DeflateCodes, SkewedCountsStayWithin15BitsAndFormACompleteCode) {
+    std::vector<Ozr32u> ls(286, 0), ds(30, 0);
+    Ozr32u a = 1, b = 1;
+    for (int i = 0; i < 40; ++i) {  // Fibonacci counts: unlimited Huffman lengths would reach 39
+        ls[i] = a;
+        const Ozr32u c = a + b;
+        a = b;
+        b = c > (1u << 31) ? (1u << 31) : c;
+    }
+    ds[3] = 1000000;
+    for (int mode : {0, 2}) {
+        std::vector<OzrDeflateHuffCode> lc(286), dc(30);
+        ASSERT_EQ(ozrsDeflateLZ77FastestGenHuffTable_8u(ls.data(), ds.data(), lc.data(), dc.data(), mode), ozrOk);
+        double kraft = 0;
+        for (auto& c : lc) {
+            EXPECT_LE(c.len, 15);
+            if (c.len) kraft += 1.0 / (1u << c.len);
+        }
+        EXPECT_DOUBLE_EQ(kraft, 1.0) << "mode " << mode;
+        if (mode == 2) EXPECT_EQ(dc[3].len, 1) << "a single distance code";
+    }
+}
+
+TEST(DeflateCodes, HeaderRefusesLengthsAbove15AndACodeWithoutEndOfBlock) {
+    std::vector<OzrDeflateHuffCode> lc(286), dc(30);
+    ASSERT_EQ(ozrsDeflateLZ77FastestGenHuffTable_8u(nullptr, nullptr, lc.data(), dc.data(), 1), ozrOk);
+    EXPECT_EQ(lc[0].len, 8);
+    EXPECT_EQ(lc[0].code, 0x0C) << "00110000 reversed";
+    EXPECT_EQ(lc[256].len, 7);
+    EXPECT_EQ(lc[144].len, 9);
+    Ozr8u header[320];
+    Ozr32u bits = 77;
+    EXPECT_EQ(ozrsDeflateLZ77FastestGenHeader_8u(lc.data(), dc.data(), header, 10, &bits), ozrWarnDstSizeLess);
+    EXPECT_EQ(bits, 77u);
+    lc[3].len = 16;
+    EXPECT_EQ(ozrsDeflateLZ77FastestGenHeader_8u(lc.data(), dc.data(), header, 320, &bits), ozrErr);
+    lc[3].len = 8;
+    lc[256].len = 0;
+    EXPECT_EQ(ozrsDeflateLZ77FastestGenHeader_8u(lc.data(), dc.data(), header, 320, &bits), ozrErr);
+    EXPECT_EQ(ozrsDeflateLZ77FastestGenHeader_8u(lc.data(), dc.data(), header, 0, &bits), ozrErrSize);
+    EXPECT_EQ(ozrsDeflateLZ77FastestGenHeader_8u(lc.data(), nullptr, header, 0, &bits), ozrErrNullPointer);
+    EXPECT_EQ(ozrsDeflateLZ77FastestGenHuffTable_8u(nullptr, nullptr, lc.data(), dc.data(), 0), ozrErrNullPointer);
+    std::vector<Ozr32u> ls(286), ds(30);
+    EXPECT_EQ(ozrsDeflateLZ77FastestGenHuffTable_8u(ls.data(), ds.data(), lc.data(), dc.data(), 3), ozrErrBadArgument);
+}
+
+TEST(DeflateCodes, PrecompHeaderLandsBehindThePendingBitsAndSetsBfinal) {
+    const Ozr8u header[2] = {0xB6, 0x01};  // 9 bits: 0 (BFINAL) then 11011011 0 ...
+    Ozr8u out[8] = {};
+    Ozr16u code = 0x1FF;  // 9 pending one-bits
+    Ozr32u bits = 9, idx = 2;
+    ASSERT_EQ(ozrsDeflateLZ77FastestPrecompHeader_8u(header, 9, out, 8, &idx, &code, &bits, 1), ozrOk);
+    // Stream: 9 ones, then 1 (BFINAL forced), then header bits 1..8.
+    EXPECT_EQ(out[2], 0xFF);
+    EXPECT_EQ(idx, 4u);
+    EXPECT_EQ(bits, 2u);
+    EXPECT_EQ(out[3], 0x01 | 0x02 | (0xDB << 2 & 0xFC));
+    EXPECT_EQ(code, (0xDB >> 6) & 3);
+    Ozr32u small = 3;
+    idx = 0;
+    EXPECT_EQ(ozrsDeflateLZ77FastestPrecompHeader_8u(header, 9, out, 1, &idx, &code, &small, 0), ozrWarnDstSizeLess);
+    EXPECT_EQ(ozrsDeflateLZ77FastestPrecompHeader_8u(header, 2, out, 8, &idx, &code, &small, 0), ozrErrSize);
+    EXPECT_EQ(ozrsDeflateLZ77FastestPrecompHeader_8u(nullptr, 2, out, 8, &idx, &code, &small, 0), ozrErrNullPointer);
+}
+
+TEST(DeflateFastest, ChecksPointersThenSizes) {
+    std::vector<Ozr32s> head(256, -32768);
+    Bytes win(256), src(10), out(64);
+    std::vector<OzrDeflateHuffCode> lc(286), dc(30);
+    ozrsDeflateLZ77FastestGenHuffTable_8u(nullptr, nullptr, lc.data(), dc.data(), 1);
+    const Ozr8u* p = src.data();
+    Ozr32u len = 10, sidx = 0, idx = 0, bits = 0;
+    Ozr16u code = 0;
+    EXPECT_EQ(ozrsDeflateLZ77Fastest_8u(&p, &len, &sidx, win.data(), 100, head.data(), 256, out.data(), 64, &idx, &code,
+                                        &bits, lc.data(), nullptr, 3), ozrErrNullPointer);
+    EXPECT_EQ(ozrsDeflateLZ77Fastest_8u(&p, &len, &sidx, win.data(), 100, head.data(), 256, out.data(), 64, &idx, &code,
+                                        &bits, lc.data(), dc.data(), 3), ozrErrSize);
+    EXPECT_EQ(ozrsDeflateLZ77Fastest_8u(&p, &len, &sidx, win.data(), 256, head.data(), 256, out.data(), 0, &idx, &code,
+                                        &bits, lc.data(), dc.data(), 3), ozrErrSize);
+    bits = 17;
+    EXPECT_EQ(ozrsDeflateLZ77Fastest_8u(&p, &len, &sidx, win.data(), 256, head.data(), 256, out.data(), 64, &idx, &code,
+                                        &bits, lc.data(), dc.data(), 3), ozrErrSize);
+    std::vector<Ozr32u> ls(286), ds(30);
+    EXPECT_EQ(ozrsDeflateLZ77FastestGetStat_8u(src.data(), 0, ls.data(), ds.data()), ozrErrSize);
+    EXPECT_EQ(ozrsDeflateLZ77FastestGetStat_8u(src.data(), 10, nullptr, ds.data()), ozrErrNullPointer);
+    EXPECT_EQ(len, 10u);
+}
+
+}  // namespace

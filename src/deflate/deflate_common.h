@@ -117,4 +117,26 @@ inline int commonLength(const Ozr8u* a, const Ozr8u* b, int n) {
     return i;
 }
 
+// The bytes behind the matchers: position q is src[q - start] when q >= start (this
+// call's source), else window[q - start + wsize] (the winSize bytes before it).
+struct History {
+    const Ozr8u* src;
+    const Ozr8u* win;
+    long start;
+    long wsize;
+
+    const Ozr8u* at(long q) const { return src + (q - start); }
+
+    // Common length of the bytes at p (source) and at candidate q < p, at most maxLen;
+    // a candidate in the window may run on into the source.
+    int length(long p, long q, int maxLen) const {
+        if (q >= start) return commonLength(at(p), at(q), maxLen);
+        const long inWin = start - q;
+        const int first = inWin < maxLen ? static_cast<int>(inWin) : maxLen;
+        int n = commonLength(at(p), win + (q - start + wsize), first);
+        if (n == first && n < maxLen) n += commonLength(at(p) + n, src, maxLen - n);
+        return n;
+    }
+};
+
 }  // namespace m7::deflate

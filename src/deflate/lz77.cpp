@@ -24,11 +24,7 @@ constexpr Ozr32u kLevels[30][4] = {
 
 constexpr Ozr32u kMaxPerCall = 1u << 30;  // keeps positions below 2^31 after rebasing
 
-struct Matcher {
-    const Ozr8u* src;   // this call's source; src[0] is position start
-    const Ozr8u* win;   // window; win[winSize - 1] is position start - 1
-    long start;
-    long wsize;
+struct Matcher : History {
     Ozr32u wmask;
     Ozr32s* head;
     Ozr32s* prev;
@@ -38,8 +34,6 @@ struct Matcher {
     Ozr8u* litDst;
     Ozr16u* distDst;
     Ozr32u written;
-
-    const Ozr8u* at(long q) const { return src + (q - start); }
 
     // Enters position p (its 4 bytes lie in the source) and returns the old head.
     Ozr32s insert(long p) {
@@ -54,16 +48,6 @@ struct Matcher {
     }
     // Takes position p back out of the chains; positions must be removed newest first.
     void remove(long p) { head[hash4(at(p)) & hmask] = prev[p & wmask]; }
-
-    // Common length of the bytes at p (source) and at candidate q < p, at most maxLen.
-    int length(long p, long q, int maxLen) const {
-        if (q >= start) return commonLength(at(p), at(q), maxLen);
-        const long inWin = start - q;  // candidate bytes left in the window
-        const int first = inWin < maxLen ? static_cast<int>(inWin) : maxLen;
-        int n = commonLength(at(p), win + (q - start + wsize), first);
-        if (n == first && n < maxLen) n += commonLength(at(p) + n, src, maxLen - n);
-        return n;
-    }
 
     // Walks the chain from cand; best is the length to beat (only a strictly longer
     // match replaces it, so ties keep the nearer candidate). Greedy: a match reaching
@@ -266,7 +250,7 @@ OzrResult lz77(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx, const Ozr8
         idx = winSize;
     }
 
-    Matcher m{*ppSrc, pWindow, static_cast<long>(idx), static_cast<long>(winSize), winSize - 1, pHashHead, pHashPrev,
+    Matcher m{{*ppSrc, pWindow, static_cast<long>(idx), static_cast<long>(winSize)}, winSize - 1, pHashHead, pHashPrev,
               hashSize - 1, pLitFreq, pDistFreq, pLitDst, pDistDst, 0};
     const Ozr32u freeEntries = *pDstLen;
     long p = idx;
