@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "ozrdc.h"
@@ -33,16 +34,20 @@ struct Options {
     size_t inPiece = 0;   // 0: the whole remaining input in each call
     size_t outPiece = 0;  // 0: all the remaining room in each call
     bool windowed = false;
-    size_t maxOut = size_t{1} << 30;
+    size_t maxOut = 0;    // inflateRaw: 0 grows the output as needed
 };
 
-struct Result {
+struct Outcome {
     Error error = Error::None;
     OzrResult status = ozrOk;  // the library's status when error == Library
-    std::vector<uint8_t> out;
+    size_t outLen = 0;         // bytes written to the output
     size_t end = 0;            // input bytes up to and including the final block's last byte
     size_t calls = 0;          // ozrsInflate_8u calls made
     size_t blocks[4] = {};     // blocks by table: [0] fixed, [1] long, [2] short, [3] stored
+};
+
+struct Result : Outcome {
+    std::vector<uint8_t> out;
 };
 
 namespace detail {
@@ -105,20 +110,18 @@ struct SmallCode {
 
 }  // namespace detail
 
-// Decodes a raw Deflate stream from src[0, n).
-inline Result inflateRaw(const uint8_t* src, size_t n, const Options& opt = {}) {
-    Result r;
+// Decodes a raw Deflate stream from src[0, n) into dst[0, cap) with the caller's state
+// record (its window fields are overwritten).
+inline Outcome inflateInto(const uint8_t* src, size_t n, uint8_t* dst, size_t cap, const Options& opt,
+                           OzrInflateState* st) {
+    Outcome r;
     detail::BitSource b{src, n};
-    OzrInflateState* st = new OzrInflateState();
-    struct Free {
-        OzrInflateState* p;
-        ~Free() { delete p; }
-    } freeState{st};
     auto fail = [&](Error e) {
         r.error = e;
         return r;
     };
     std::vector<uint8_t> piece;
+    uint8_t dummy = 0;
     for (;;) {
         if (!b.need(3)) return fail(Error::Truncated);
         const unsigned header = b.take(3);
@@ -132,11 +135,13 @@ inline Result inflateRaw(const uint8_t* src, size_t n, const Options& opt = {}) 
             const unsigned nlen = b.take(16);
             if ((len ^ 0xFFFF) != nlen) return fail(Error::BadStoredLength);
             ++r.blocks[3];
-            if (r.out.size() + len > opt.maxOut) return fail(Error::OutputLimit);
-            for (unsigned i = 0; i < len; ++i) {
-                if (!b.need(8)) return fail(Error::Truncated);
-                r.out.push_back(static_cast<uint8_t>(b.take(8)));
-            }
+            if (len > cap - r.outLen) return fail(Error::OutputLimit);
+            unsigned i = 0;
+            for (; i < len && b.count >= 8; ++i) dst[r.outLen++] = static_cast<uint8_t>(b.take(8));
+            if (len - i > n - b.pos) return fail(Error::Truncated);
+            std::memcpy(dst + r.outLen, src + b.pos, len - i);
+            r.outLen += len - i;
+            b.pos += len - i;
         } else if (type == 3) {
             return fail(Error::BadBlockType);
         } else {
@@ -162,11 +167,10 @@ inline Result inflateRaw(const uint8_t* src, size_t n, const Options& opt = {}) 
                         lens[i++] = static_cast<Ozr16u>(sym);
                         continue;
                     }
-                    unsigned rep = 0;
-                    Ozr16u val = 0;
                     const unsigned bits = sym == 16 ? 2 : sym == 17 ? 3 : 7;
                     if (!b.need(bits)) return fail(Error::Truncated);
-                    rep = b.take(bits) + (sym == 16 ? 3 : sym == 17 ? 3 : 11);
+                    unsigned rep = b.take(bits) + (sym == 18 ? 11 : 3);
+                    Ozr16u val = 0;
                     if (sym == 16) {
                         if (i == 0) return fail(Error::BadCodeLengths);
                         val = lens[i - 1];
@@ -184,55 +188,63 @@ inline Result inflateRaw(const uint8_t* src, size_t n, const Options& opt = {}) 
             for (;;) {
                 size_t inAvail = n - b.pos;
                 if (opt.inPiece != 0 && inAvail > opt.inPiece) inAvail = opt.inPiece;
-                size_t room = opt.maxOut - r.out.size();
+                size_t room = cap - r.outLen;
                 if (opt.outPiece != 0 && room > opt.outPiece) room = opt.outPiece;
-                if (opt.outPiece == 0 && room > (size_t{1} << 20)) room = size_t{1} << 20;
-                const Ozr8u* ip = src + b.pos;
+                const Ozr8u* ip = n == 0 ? &dummy : src + b.pos;
                 Ozr32u inLen = static_cast<Ozr32u>(inAvail), outLen = static_cast<Ozr32u>(room);
-                uint8_t dummy = 0;
-                Ozr8u* op;
-                Ozr32s dstIdx = 0;
-                const size_t before = r.out.size();
+                Ozr8u* op = dst + r.outLen;
+                Ozr32s dstIdx = static_cast<Ozr32s>(r.outLen);
+                st->pWindow = nullptr;
+                st->winSize = 0;
                 if (opt.windowed) {
-                    piece.assign(room + 1, 0);
+                    piece.resize(room + 1);  // +1: a valid pointer when room is 0
                     op = piece.data();
-                    st->pWindow = r.out.data();
-                    st->winSize = static_cast<Ozr32u>(r.out.size());
-                } else {
-                    r.out.resize(before + room + 1);  // +1: a valid pointer when room is 0
-                    op = r.out.data() + before;
-                    dstIdx = static_cast<Ozr32s>(before);
-                    st->pWindow = nullptr;
-                    st->winSize = 0;
+                    dstIdx = 0;
+                    st->pWindow = dst;
+                    st->winSize = static_cast<Ozr32u>(r.outLen);
                 }
-                if (ip == nullptr) ip = &dummy;
+                if (dst == nullptr && !opt.windowed) op = &dummy;
                 Ozr8u* const op0 = op;
-                const Ozr32s winIdx = static_cast<Ozr32s>(st->winSize);
+                const Ozr8u* const ip0 = ip;
                 ++r.calls;
-                const OzrResult s = ozrsInflate_8u(&ip, &inLen, &b.code, &b.count, winIdx, &op, &outLen, dstIdx,
-                                                   &mode, st);
+                const OzrResult s = ozrsInflate_8u(&ip, &inLen, &b.code, &b.count, static_cast<Ozr32s>(st->winSize),
+                                                   &op, &outLen, dstIdx, &mode, st);
                 const size_t wrote = static_cast<size_t>(op - op0);
-                if (opt.windowed) {
-                    r.out.insert(r.out.end(), piece.data(), piece.data() + wrote);
-                } else {
-                    r.out.resize(before + wrote);
-                }
-                const size_t took = static_cast<size_t>(ip - (src + b.pos));
-                b.pos += took;
+                if (opt.windowed && wrote) std::memcpy(dst + r.outLen, piece.data(), wrote);
+                r.outLen += wrote;
+                b.pos += static_cast<size_t>(ip - ip0);
                 if (s != ozrOk) {
                     r.status = s;
                     return fail(Error::Library);
                 }
                 if (mode == 0) break;
                 // Stopped: the input piece was used up, or the output piece filled.
-                if (b.pos == n && inLen == 0 && wrote < room) return fail(Error::Truncated);
-                if (r.out.size() >= opt.maxOut && wrote == room) return fail(Error::OutputLimit);
+                if (b.pos == n && wrote < room) return fail(Error::Truncated);
+                if (r.outLen == cap && wrote == room) return fail(Error::OutputLimit);
             }
         }
         if (last) break;
     }
     r.end = b.pos - b.count / 8;
     return r;
+}
+
+// Decodes a raw Deflate stream from src[0, n) into a vector: at most opt.maxOut bytes,
+// or (maxOut 0) as many as the stream holds.
+inline Result inflateRaw(const uint8_t* src, size_t n, const Options& opt = {}) {
+    std::unique_ptr<OzrInflateState> st(new OzrInflateState());
+    size_t cap = opt.maxOut != 0 ? opt.maxOut : 4 * n + 4096;
+    for (;;) {
+        Result r;
+        r.out.resize(cap);
+        static_cast<Outcome&>(r) = inflateInto(src, n, r.out.data(), cap, opt, st.get());
+        if (r.error == Error::OutputLimit && opt.maxOut == 0) {
+            cap *= 4;
+            continue;
+        }
+        r.out.resize(r.outLen);
+        return r;
+    }
 }
 
 inline Result inflateRaw(const std::vector<uint8_t>& src, const Options& opt = {}) {
