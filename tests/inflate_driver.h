@@ -218,9 +218,11 @@ inline Outcome inflateInto(const uint8_t* src, size_t n, uint8_t* dst, size_t ca
                     return fail(Error::Library);
                 }
                 if (mode == 0) break;
-                // Stopped: the input piece was used up, or the output piece filled.
-                if (b.pos == n && wrote < room) return fail(Error::Truncated);
-                if (r.outLen == cap && wrote == room) return fail(Error::OutputLimit);
+                // Stopped: a literal or match waits for room (steps 5 and 6), or else the
+                // input piece was used up.
+                const bool waitsForRoom = mode == 2 && (st->savedStep == 5 || st->savedStep == 6);
+                if (waitsForRoom && r.outLen == cap) return fail(Error::OutputLimit);
+                if (!waitsForRoom && b.pos == n) return fail(Error::Truncated);
             }
         }
         if (last) break;
