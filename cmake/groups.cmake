@@ -8,6 +8,7 @@ set(OZRDC_BUILT_GROUPS
   checksum
   deflate
   deflate_fastest
+  inflate
   lz4
   lz4hc
   lzo

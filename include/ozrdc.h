@@ -343,6 +343,95 @@ OzrResult ozrsDeflateLZ77FastestPrecompHeader_8u(const Ozr8u* pHeader, Ozr32u he
 
 
 /* ==== Inflate ================================================================= */
+/*
+ * Decoding of RFC 1951 Deflate data, one block at a time. The caller parses the
+ * stream itself: the 3-bit block header, stored blocks (byte-aligned, copied as they
+ * stand) and, for a dynamic block, the code-length code and the literal/length and
+ * distance code lengths. It then
+ *   - for a dynamic block: calls ozrsInflateBuildHuffTable with those lengths, which
+ *     builds the lookup tables inside the caller's OzrInflateState;
+ *   - for a fixed-code block: sets pState->tableType to 0 (a constant table is used);
+ * and calls ozrsInflate_8u, with fresh input or output room each time, until it
+ * reports mode 0 (the end-of-block code was read). The bit buffer (*pCode and its
+ * count *pCodeLenBits) travels between the caller and the decoder: bits are taken
+ * from bit 0 upwards, input bytes are appended above the held bits, low byte first.
+ * After the end of a block the bits still held and the unread input are where the
+ * next block header starts.
+ *
+ * History: a match may reach back into the output already written in the same buffer
+ * (dstIdx bytes before *ppDst, plus what this call writes) and, before that, into
+ * the caller's window: pWindow[0, winIdx) holds the bytes that precede the output
+ * buffer's start, the last of them at pWindow[winIdx - 1].
+ */
+
+/* Bytes of the table area inside OzrInflateState. */
+#define OZR_INFLATE_TABLE_BYTES 7424
+
+/* The decoder's state record: allocated by the caller (sizeof), no initialisation
+ * call. The caller sets pWindow and winSize (pWindow may be null: no window);
+ * ozrsInflateBuildHuffTable fills tableType, litMaxLen, distMaxLen and tableBuffer;
+ * ozrsInflate_8u keeps an interrupted symbol in the four saved words. */
+typedef struct OzrInflateState {
+    const Ozr8u* pWindow;   /* history before the output buffer, or null */
+    Ozr32u winSize;         /* bytes in pWindow */
+    Ozr32u tableType;       /* 0: fixed code, 1: long-code table, 2: short-code table */
+    Ozr32u reserved[2];     /* not used by the library */
+    Ozr32u savedStep;       /* the symbol interrupted by the last call (mode 2) */
+    Ozr32u savedValue;
+    Ozr32u savedAux;
+    Ozr32u savedEntry;
+    Ozr32u litMaxLen;       /* longest literal/length code, in bits */
+    Ozr32u distMaxLen;      /* longest distance code, in bits (0: no distance code) */
+    Ozr8u tableBuffer[OZR_INFLATE_TABLE_BYTES]; /* opaque lookup tables */
+} OzrInflateState;
+
+/* In/out progress of ozrsInflate_8u. On return: 0, the end-of-block code was read
+ * (the block is complete); 1, decoding stopped between two symbols because the input
+ * ran out; 2, decoding stopped inside a symbol (its progress is in the state record).
+ * On entry: 2 resumes the saved symbol; any other value starts at a symbol boundary
+ * (pass 0 or 1 at the start of a block, then what the previous call returned). */
+typedef Ozr32u OzrInflateMode;
+
+/* Builds the decoding tables of a dynamic block into pState from its code lengths:
+ * pCodeLens holds nLitCodeLens literal/length lengths (at most 288) followed by
+ * nDistCodeLens distance lengths (0..30), each 0 (symbol unused) or 1..15. Both sets
+ * must be complete prefix codes; one code of length 1 is also accepted for either,
+ * and a distance set with no code at all (a block of literals only). Codes up to 11
+ * bits (literal/length) and 10 bits (distance) give the single-level short-code table
+ * (tableType 2), longer ones the two-level long-code table (tableType 1); litMaxLen
+ * and distMaxLen receive the longest lengths. Lengths given to symbols 286 and 287
+ * are accepted and decode as the literal byte 0.
+ * Errors: pCodeLens or pState null -> ozrErrNullPointer; nLitCodeLens > 288 or
+ * nDistCodeLens outside 0..30 -> ozrErrSize; no literal/length code, an over-
+ * subscribed or incomplete set, a length above 15 -> ozrErrHuffTable, with the record
+ * untouched; for the short-code table also fewer than 257 literal/length lengths or
+ * no code for symbol 256 -> ozrErrHuffTable (the maxima are then already stored and
+ * the table area partly written, tableType unchanged). pWindow and winSize are never
+ * touched. */
+OzrResult ozrsInflateBuildHuffTable(const Ozr16u* pCodeLens, Ozr32u nLitCodeLens, Ozr32s nDistCodeLens,
+                                    OzrInflateState* pState);
+
+/* Decodes the Huffman-coded data of one block into *ppDst, up to and including its
+ * end-of-block code, and stops early where input or output runs out, even inside a
+ * symbol (see OzrInflateMode). In/out on every return other than a null-pointer or
+ * size error: *ppSrc and *pSrcLen advance past the input bytes taken into the bit
+ * buffer; *pCode and *pCodeLenBits (at most 32) hold the unconsumed bits; *ppDst
+ * advances past the bytes written and *pDstLen (the room) drops by as many. The
+ * decoder takes input bytes only as it needs them: after the end-of-block code fewer
+ * than 8 bits are held, unless more were passed in. A literal or match that finds no
+ * room is still decoded and kept in the state record (mode 2); an end-of-block code
+ * is read even when the output is full.
+ * winIdx: the bytes of history in pWindow (at most winSize). dstIdx: the bytes of
+ * output already in the buffer before *ppDst, which matches may reach into.
+ * Errors: a null pointer argument, *ppSrc or *ppDst null -> ozrErrNullPointer;
+ * *pCodeLenBits > 32 or winIdx > winSize (unsigned) -> ozrErrSize; with nothing
+ * written. A code that no symbol owns, a distance code in a block without distances,
+ * a match reaching before the available history, or a tableType other than 0..2 ->
+ * ozrErrHuffTable, with the in/out values written back as far as decoding got (the
+ * offending code not consumed, the mode left as it was). Otherwise ozrOk. */
+OzrResult ozrsInflate_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pCode, Ozr32u* pCodeLenBits, Ozr32s winIdx,
+                         Ozr8u** ppDst, Ozr32u* pDstLen, Ozr32s dstIdx, OzrInflateMode* pMode,
+                         OzrInflateState* pState);
 
 
 
