@@ -1,9 +1,10 @@
 // Deflate encoder: every level's sequence replays to its input with exact counts,
-// streams of our sequence and our Huffman coder read by zlib, pieces against one
+// streams of our sequence and our Huffman coder read by zlib and by our Inflate, pieces against one
 // call, preset dictionaries, rebasing, the argument checks in their order.
 #include <gtest/gtest.h>
 
 #include "deflate_ref.h"
+#include "inflate_driver.h"
 #include "test_data.h"
 
 #include <array>
@@ -218,9 +219,13 @@ TEST(DeflateStreams, OurSequenceThroughOurHuffmanCoderInflatesWithZlib) {
                 LzRun cfg;
                 cfg.level = level;
                 const Seq s = runLz77(cfg, smp.data);
+                const Bytes stream = encodeStream(s, fixed, 3000 + level * 1000);
                 Bytes out;
-                ASSERT_TRUE(zlibInflate(encodeStream(s, fixed, 3000 + level * 1000), out));
+                ASSERT_TRUE(zlibInflate(stream, out));
                 ASSERT_EQ(out, smp.data);
+                const inflate_driver::Result ours = inflate_driver::inflateRaw(stream);
+                ASSERT_EQ(ours.error, inflate_driver::Error::None);
+                ASSERT_EQ(ours.out, smp.data);
             }
 }
 
@@ -638,9 +643,16 @@ TEST(DeflateFastest, StreamsInflateWithZlibWhateverTheBlocksPiecesAndRoom) {
             if (variant == 3) { o.outRoom = 40; o.hashSize = 256; }
             if (variant == 4) { o.pieceBytes = 261; o.blockBytes = 50000; }
             SCOPED_TRACE(std::string(smp.name) + " variant " + std::to_string(variant));
+            const Bytes stream = fastestStream(smp.data, o);
             Bytes out;
-            ASSERT_TRUE(zlibInflate(fastestStream(smp.data, o), out));
+            ASSERT_TRUE(zlibInflate(stream, out));
             ASSERT_EQ(out, smp.data);
+            inflate_driver::Options pieces;
+            pieces.inPiece = variant == 2 ? 7 : 0;
+            pieces.outPiece = variant == 2 ? 1000 : 0;
+            const inflate_driver::Result ours = inflate_driver::inflateRaw(stream, pieces);
+            ASSERT_EQ(ours.error, inflate_driver::Error::None);
+            ASSERT_EQ(ours.out, smp.data);
         }
 }
 
