@@ -786,3 +786,86 @@ TEST(DeflateFastest, ChecksPointersThenSizes) {
 }
 
 }  // namespace
+
+// ---- The tool's gzip, zlib and raw Deflate writers, read by other programs ------
+
+#include <filesystem>
+#include <fstream>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+int sh(const std::string& cmd) {
+    const int st = std::system(cmd.c_str());
+    return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+}
+
+void writeFile(const fs::path& p, const Bytes& b) {
+    std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
+}
+
+Bytes readFile(const fs::path& p) {
+    std::ifstream f(p, std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(f), {});
+}
+
+class DeflateTool : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir = fs::temp_directory_path() / ("ozrdc_deflate_test_" + std::to_string(::getpid()));
+        fs::create_directories(dir);
+    }
+    void TearDown() override { fs::remove_all(dir); }
+    std::string compress(const std::string& fmt, const std::string& opts, const fs::path& in) {
+        const fs::path out = dir / (in.filename().string() + "." + fmt);
+        EXPECT_EQ(sh(std::string(OZRDC_TOOL_PATH) + " compress -f -F " + fmt + " " + opts + " " + in.string() + " -o " +
+                     out.string()), 0);
+        return out.string();
+    }
+    fs::path dir;
+};
+
+TEST_F(DeflateTool, GzipFilesAtEveryKindOfLevelAreReadByGzipAndPigz) {
+    const fs::path in = dir / "mixed";
+    const Bytes data = mixedBytes(1500000, 21);  // two input buffers and many blocks
+    writeFile(in, data);
+    for (const char* opts : {"", "-L 1", "-L 4", "-L 9", "-L 0", "-L 15", "-L 29", "--fastest"}) {
+        SCOPED_TRACE(opts);
+        const std::string gz = compress("gzip", opts, in);
+        ASSERT_EQ(sh("gzip -dc " + gz + " > " + (dir / "back").string()), 0);
+        EXPECT_EQ(readFile(dir / "back"), data);
+        ASSERT_EQ(sh("pigz -dc " + gz + " > " + (dir / "back2").string()), 0);
+        EXPECT_EQ(readFile(dir / "back2"), data);
+    }
+}
+
+TEST_F(DeflateTool, ZlibAndRawStreamsAreReadByPythonsZlib) {
+    const fs::path in = dir / "text";
+    writeFile(in, textBytes(200000, 22));
+    const fs::path empty = dir / "empty";
+    writeFile(empty, {});
+    const fs::path rnd = dir / "random";
+    writeFile(rnd, randomBytes(300000, 23));
+    for (const fs::path& f : {in, empty, rnd})
+        for (const char* opts : {"", "-L 1", "--fastest"}) {
+            SCOPED_TRACE(f.string() + " " + opts);
+            const std::string z = compress("zlib", opts, f), raw = compress("deflate", opts, f);
+            const std::string py = "python3 -c \"import sys,zlib; d=open(sys.argv[1],'rb').read(); "
+                                   "a=zlib.decompress(open(sys.argv[2],'rb').read()); "
+                                   "b=zlib.decompress(open(sys.argv[3],'rb').read(), -15); "
+                                   "sys.exit(0 if a==d and b==d else 1)\" ";
+            EXPECT_EQ(sh(py + f.string() + " " + z + " " + raw), 0);
+        }
+    EXPECT_LE(fs::file_size(compress("deflate", "", rnd)), 300000u + 100) << "incompressible data goes stored";
+}
+
+TEST_F(DeflateTool, LevelsOutsideTheTableAreRefused) {
+    const fs::path in = dir / "small";
+    writeFile(in, textBytes(1000, 1));
+    EXPECT_NE(sh(std::string(OZRDC_TOOL_PATH) + " compress -f -F gzip -L 30 " + in.string() + " -o " +
+                 (dir / "x.gz").string() + " 2>/dev/null"), 0);
+}
+
+}  // namespace
