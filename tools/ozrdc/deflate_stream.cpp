@@ -15,6 +15,7 @@
 #include "deflate_stream.h"
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -51,12 +52,15 @@ struct Check {
 
 // The output bit stream: whole bytes in `out`, the partial byte in code/bits in the
 // library's convention, written to the Writer in large pieces.
+using Sink = std::function<void(const Ozr8u*, size_t)>;
+using Source = std::function<size_t(Ozr8u*, size_t)>;
+
 struct BitStream {
-    Writer& w;
+    const Sink& w;
     std::vector<Ozr8u> out;
     Ozr16u code = 0;
     Ozr32u bits = 0;
-    explicit BitStream(Writer& wr) : w(wr) { out.reserve(1 << 20); }
+    explicit BitStream(const Sink& wr) : w(wr) { out.reserve(1 << 20); }
     void put(Ozr32u v, Ozr32u n) {  // n <= 16
         Ozr32u acc = code | (v << bits);
         bits += n;
@@ -74,7 +78,7 @@ struct BitStream {
     }
     void drain(bool all = false) {
         if (all || out.size() >= (1 << 19)) {
-            w.write(out.data(), out.size());
+            w(out.data(), out.size());
             out.clear();
         }
     }
@@ -93,7 +97,7 @@ void fail(OzrResult st, const char* what) {
 // The input buffer with its history in front.
 class Input {
 public:
-    Input(Reader& in, Check& check) : in_(in), check_(check), buf_(kWin + kBufData, 0) {}
+    Input(const Source& in, Check& check) : in_(in), check_(check), buf_(kWin + kBufData, 0) {}
     // Unread bytes from the current position.
     const Ozr8u* cur() const { return buf_.data() + pos_; }
     size_t unread() const { return fill_ - pos_; }
@@ -118,7 +122,7 @@ public:
             moved = from;
         }
         while (fill_ < buf_.size() && !eof_) {
-            const size_t got = in_.read(buf_.data() + fill_, buf_.size() - fill_);
+            const size_t got = in_(buf_.data() + fill_, buf_.size() - fill_);
             if (got == 0) eof_ = true;
             check_.update(buf_.data() + fill_, got);
             fill_ += got;
@@ -127,7 +131,7 @@ public:
     }
 
 private:
-    Reader& in_;
+    const Source& in_;
     Check& check_;
     std::vector<Ozr8u> buf_;
     size_t pos_ = kWin, fill_ = kWin;
@@ -253,7 +257,7 @@ void deflateFastest(Input& in, BitStream& bs) {
     }
 }
 
-void run(Reader& r, Writer& w, const CompressOptions& opts, Container kind) {
+void run(const Source& r, const Sink& w, const CompressOptions& opts, Container kind) {
     const int level = opts.level.value_or(6);
     if (level < 0 || level > 29) throw ToolError("deflate: level must be 0..29 (1..9 as in gzip, 10..29 the other tunings)");
     Check check{kind};
@@ -289,8 +293,29 @@ void run(Reader& r, Writer& w, const CompressOptions& opts, Container kind) {
 
 }  // namespace
 
-void compressDeflateRaw(Reader& in, Writer& out, const CompressOptions& opts) { run(in, out, opts, Container::Raw); }
-void compressZlib(Reader& in, Writer& out, const CompressOptions& opts) { run(in, out, opts, Container::Zlib); }
-void compressGzip(Reader& in, Writer& out, const CompressOptions& opts) { run(in, out, opts, Container::Gzip); }
+namespace {
+void fromFile(Reader& in, Writer& out, const CompressOptions& opts, Container kind) {
+    const Source r = [&](Ozr8u* p, size_t n) { return in.read(p, n); };
+    const Sink w = [&](const Ozr8u* p, size_t n) { out.write(p, n); };
+    run(r, w, opts, kind);
+}
+}  // namespace
+
+void compressDeflateRaw(Reader& in, Writer& out, const CompressOptions& opts) { fromFile(in, out, opts, Container::Raw); }
+void compressZlib(Reader& in, Writer& out, const CompressOptions& opts) { fromFile(in, out, opts, Container::Zlib); }
+void compressGzip(Reader& in, Writer& out, const CompressOptions& opts) { fromFile(in, out, opts, Container::Gzip); }
+
+void deflateRawInMemory(const uint8_t* src, size_t n, std::vector<uint8_t>& dst, const CompressOptions& opts) {
+    dst.clear();
+    size_t at = 0;
+    const Source r = [&](Ozr8u* p, size_t k) {
+        k = k < n - at ? k : n - at;
+        if (k) std::memcpy(p, src + at, k);
+        at += k;
+        return k;
+    };
+    const Sink w = [&](const Ozr8u* p, size_t k) { dst.insert(dst.end(), p, p + k); };
+    run(r, w, opts, Container::Raw);
+}
 
 }  // namespace ozrdc_tool
