@@ -130,7 +130,7 @@ Bytes fastest(const uint8_t* d, size_t n, Ozr32u w, Rng& rng) {
                 GuardedBuffer out(roomLen);
                 Ozr32u o = 0;
                 const OzrResult st = ozrsDeflateLZ77Fastest_8u(&src, &len, &idx, win.data(), w, head.data(), hashSize,
-                                                               out.data(), roomLen, &o, &s.code, &s.bits, lc, dc, flush);
+                                                               out.data(), roomLen, &o, &s.code, &s.bits, lc, dc, nullptr, nullptr, flush);
                 if (st != ozrOk && st != ozrWarnDstSizeLess) std::abort();
                 s.out.insert(s.out.end(), out.data(), out.data() + o);
                 at = avail - len;

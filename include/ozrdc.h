@@ -156,17 +156,17 @@ OzrResult ozrsAdler32_8u(const Ozr8u* pSrc, Ozr32s len, Ozr32u* pAdler);
  * Huffman codes in one pass, with no intermediate sequence and no chains: one probe
  * per position in the hash head table, a greedy match of 4..258 bytes, its codes
  * written at once through a 64-bit bit buffer. Its codes come from statistics: a
- * sample of the block (or the previous block) is counted with
- * ozrsDeflateLZ77FastestGetStat_8u, ozrsDeflateLZ77FastestGenHuffTable_8u makes a
- * 15-bit-limited code in which every symbol has a code (so any data can be coded
- * with it), ozrsDeflateLZ77FastestGenHeader_8u writes that code's dynamic block
+ * sample of the first block is counted with ozrsDeflateLZ77FastestGetStat_8u, later
+ * blocks take the counts that the coder gathered while writing the block before;
+ * ozrsDeflateLZ77FastestGenHuffTable_8u makes a 15-bit-limited code in which every
+ * symbol has a code (so any data can be coded with it), ozrsDeflateLZ77FastestGenHeader_8u writes that code's dynamic block
  * header once into a small buffer, and ozrsDeflateLZ77FastestPrecompHeader_8u
  * copies the ready header into the stream at the current bit for each block that
  * reuses it. The fixed code of RFC 1951 (mode 1 of the table generator) is the
  * fallback for small blocks, whose header is just BFINAL and BTYPE 01 (3 bits).
- * A stream: per block, [GetStat on a sample] -> GenHuffTable -> GenHeader ->
- * PrecompHeader -> Fastest (flush 3 on the block's last piece); after the final
- * block, write out the pending bits as one more byte.
+ * A stream: per block, counts (GetStat on a sample, or the previous block's) ->
+ * GenHuffTable -> GenHeader -> PrecompHeader -> Fastest (flush 3 on the block's last
+ * piece); after the final block, write out the pending bits as one more byte.
  *
  * The tables of the functions below are also the form that ozrsDeflateHuff_8u
  * takes: the chained matchers' counts may go through GenHuffTable and GenHeader.
@@ -280,11 +280,13 @@ OzrResult ozrsDeflateHuff_8u(const Ozr8u* pLitSrc, const Ozr16u* pDistSrc, Ozr32
  * ozrsDeflateLZ77_8u (head table only; fill it with -32768 first, and do not share
  * it with the chained matchers: this mode hashes differently). flush < 2: the last
  * 261 unread bytes are left for the next call; 2: everything is coded; 3: as 2, then
- * the end-of-block code. No block header is written. On return *ppSrc, *pSrcLen,
+ * the end-of-block code. No block header is written. pLitStat / pDistStat (286 and
+ * 30 counts, both given or both null): each written symbol is added to them, the
+ * statistics for the next block's code. On return *ppSrc, *pSrcLen,
  * *pSrcIdx, *pDstIdx, *pCode and *pCodeLenBits (0..7, or up to 16 when the output
  * is full) are advanced.
- * Status: any pointer or *ppSrc null -> ozrErrNullPointer; winSize or hashSize out
- * of range, dstLen 0, *pDstIdx > dstLen or *pCodeLenBits > 16 -> ozrErrSize;
+ * Status: a pointer but the counts, *ppSrc, or one of the counts null ->
+ * ozrErrNullPointer; winSize or hashSize out of range, dstLen 0, *pDstIdx > dstLen or *pCodeLenBits > 16 -> ozrErrSize;
  * ozrWarnDstSizeLess when fewer than 16 bytes of room stopped it before the input
  * (and, for flush 3, the end code) was done: call again with more room; else ozrOk. */
 OzrResult ozrsDeflateLZ77Fastest_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx,
@@ -293,7 +295,8 @@ OzrResult ozrsDeflateLZ77Fastest_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u
                                     Ozr8u* pDst, Ozr32u dstLen, Ozr32u* pDstIdx,
                                     Ozr16u* pCode, Ozr32u* pCodeLenBits,
                                     const OzrDeflateHuffCode pLitCodes[286],
-                                    const OzrDeflateHuffCode pDistCodes[30], int flush);
+                                    const OzrDeflateHuffCode pDistCodes[30],
+                                    Ozr32u pLitStat[286], Ozr32u pDistStat[30], int flush);
 
 /* Statistics for the fastest mode's codes: runs its matcher over srcLen bytes at
  * pSrc (a sample of the block to come, or the previous block), with a hash table of

@@ -585,6 +585,8 @@ Bytes fastestStream(const Bytes& d, const FastestOptions& o) {
     Ozr16u code = 0;
     Ozr32u bits = 0, idx = 0;
     size_t at = 0;
+    // Blocks after the first take the counts the coder gathered in the block before.
+    std::vector<Ozr32u> prevLit(286, 0), prevDist(30, 0);
     do {
         const size_t blockEnd = std::min(d.size(), at + o.blockBytes);
         std::vector<OzrDeflateHuffCode> lc(286), dc(30);
@@ -594,13 +596,15 @@ Bytes fastestStream(const Bytes& d, const FastestOptions& o) {
             EXPECT_EQ(ozrsDeflateLZ77FastestGenHuffTable_8u(nullptr, nullptr, lc.data(), dc.data(), 1), ozrOk);
             header[0] = 2;  // BTYPE 01
         } else {
-            std::vector<Ozr32u> ls(286, 0), ds(30, 0);
-            if (blockEnd > at)
+            std::vector<Ozr32u> ls = prevLit, ds = prevDist;
+            if (blockEnd > at && at == 0)
                 EXPECT_EQ(ozrsDeflateLZ77FastestGetStat_8u(d.data() + at, static_cast<Ozr32s>(std::min<size_t>(16384, blockEnd - at)),
                                                            ls.data(), ds.data()), ozrOk);
             EXPECT_EQ(ozrsDeflateLZ77FastestGenHuffTable_8u(ls.data(), ds.data(), lc.data(), dc.data(), 0), ozrOk);
             EXPECT_EQ(ozrsDeflateLZ77FastestGenHeader_8u(lc.data(), dc.data(), header, sizeof header, &headerBits), ozrOk);
         }
+        std::fill(prevLit.begin(), prevLit.end(), 0u);
+        std::fill(prevDist.begin(), prevDist.end(), 0u);
         idx = 0;
         Ozr8u placed[330];
         EXPECT_EQ(ozrsDeflateLZ77FastestPrecompHeader_8u(header, headerBits, placed, sizeof placed, &idx, &code, &bits,
@@ -620,7 +624,8 @@ Bytes fastestStream(const Bytes& d, const FastestOptions& o) {
                 Ozr32u len = static_cast<Ozr32u>(pieceEnd - at), sidx = static_cast<Ozr32u>(at);
                 idx = 0;
                 const OzrResult st = ozrsDeflateLZ77Fastest_8u(&src, &len, &sidx, window.data(), winSize, head.data(), o.hashSize,
-                                                               room.data(), o.outRoom, &idx, &code, &bits, lc.data(), dc.data(), flush);
+                                                               room.data(), o.outRoom, &idx, &code, &bits, lc.data(), dc.data(),
+                                                               prevLit.data(), prevDist.data(), flush);
                 EXPECT_TRUE(st == ozrOk || st == ozrWarnDstSizeLess) << st;
                 out.insert(out.end(), room.begin(), room.begin() + idx);
                 at = pieceEnd - len;
@@ -771,14 +776,18 @@ TEST(DeflateFastest, ChecksPointersThenSizes) {
     Ozr32u len = 10, sidx = 0, idx = 0, bits = 0;
     Ozr16u code = 0;
     EXPECT_EQ(ozrsDeflateLZ77Fastest_8u(&p, &len, &sidx, win.data(), 100, head.data(), 256, out.data(), 64, &idx, &code,
-                                        &bits, lc.data(), nullptr, 3), ozrErrNullPointer);
+                                        &bits, lc.data(), nullptr, nullptr, nullptr, 3), ozrErrNullPointer);
     EXPECT_EQ(ozrsDeflateLZ77Fastest_8u(&p, &len, &sidx, win.data(), 100, head.data(), 256, out.data(), 64, &idx, &code,
-                                        &bits, lc.data(), dc.data(), 3), ozrErrSize);
+                                        &bits, lc.data(), dc.data(), nullptr, nullptr, 3), ozrErrSize);
     EXPECT_EQ(ozrsDeflateLZ77Fastest_8u(&p, &len, &sidx, win.data(), 256, head.data(), 256, out.data(), 0, &idx, &code,
-                                        &bits, lc.data(), dc.data(), 3), ozrErrSize);
+                                        &bits, lc.data(), dc.data(), nullptr, nullptr, 3), ozrErrSize);
+    std::vector<Ozr32u> counts(286);
+    EXPECT_EQ(ozrsDeflateLZ77Fastest_8u(&p, &len, &sidx, win.data(), 256, head.data(), 256, out.data(), 64, &idx, &code,
+                                        &bits, lc.data(), dc.data(), counts.data(), nullptr, 3), ozrErrNullPointer)
+        << "counts both or neither";
     bits = 17;
     EXPECT_EQ(ozrsDeflateLZ77Fastest_8u(&p, &len, &sidx, win.data(), 256, head.data(), 256, out.data(), 64, &idx, &code,
-                                        &bits, lc.data(), dc.data(), 3), ozrErrSize);
+                                        &bits, lc.data(), dc.data(), nullptr, nullptr, 3), ozrErrSize);
     std::vector<Ozr32u> ls(286), ds(30);
     EXPECT_EQ(ozrsDeflateLZ77FastestGetStat_8u(src.data(), 0, ls.data(), ds.data()), ozrErrSize);
     EXPECT_EQ(ozrsDeflateLZ77FastestGetStat_8u(src.data(), 10, nullptr, ds.data()), ozrErrNullPointer);

@@ -107,7 +107,7 @@ inline bool winSizeOk(Ozr32u w) { return w >= 256 && w <= 32768; }
 inline bool hashSizeOk(Ozr32u h) { return h >= 256 && h <= 65536; }
 
 // Count of equal leading bytes of a and b, at most n (reads nothing beyond n).
-inline int commonLength(const Ozr8u* a, const Ozr8u* b, int n) {
+__attribute__((always_inline)) inline int commonLength(const Ozr8u* a, const Ozr8u* b, int n) {
     int i = 0;
     for (; i + 8 <= n; i += 8) {
         const Ozr64u x = load64(a + i) ^ load64(b + i);
@@ -129,7 +129,7 @@ struct History {
 
     // Common length of the bytes at p (source) and at candidate q < p, at most maxLen;
     // a candidate in the window may run on into the source.
-    int length(long p, long q, int maxLen) const {
+    __attribute__((always_inline)) int length(long p, long q, int maxLen) const {
         if (q >= start) return commonLength(at(p), at(q), maxLen);
         const long inWin = start - q;
         const int first = inWin < maxLen ? static_cast<int>(inWin) : maxLen;

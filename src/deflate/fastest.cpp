@@ -34,13 +34,19 @@ struct BitOut {
 };
 
 // Writes codes through a 64-bit buffer; room checked once per item (16 bytes).
+// Count: also adds each written symbol to the caller's statistics (the next
+// block's code).
+template <bool Count>
 struct CodeSink {
     BitOut w;
     Ozr8u* end;
     const OzrDeflateHuffCode* lc;
     const OzrDeflateHuffCode* dc;
+    Ozr32u* litStat;
+    Ozr32u* distStat;
     bool room() const { return end - w.out >= 16; }
     void literal(Ozr8u b) {
+        if constexpr (Count) ++litStat[b];
         w.put(lc[b].code, lc[b].len);
         if (w.n >= 40) w.flush();
     }
@@ -53,6 +59,10 @@ struct CodeSink {
         const int k = distCode(e);
         w.put(dc[k].code | (static_cast<Ozr32u>(e - kCodes.distBase[k]) << dc[k].len), dc[k].len + kCodes.distExtra[k]);
         w.flush();
+        if constexpr (Count) {
+            ++litStat[257 + c];
+            ++distStat[k];
+        }
     }
 };
 
@@ -128,8 +138,10 @@ OzrResult m7_ozrsDeflateLZ77Fastest_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr
                                        Ozr32u winSize, Ozr32s* pHashHead, Ozr32u hashSize, Ozr8u* pDst, Ozr32u dstLen,
                                        Ozr32u* pDstIdx, Ozr16u* pCode, Ozr32u* pCodeLenBits,
                                        const OzrDeflateHuffCode pLitCodes[286],
-                                       const OzrDeflateHuffCode pDistCodes[30], int flush) {
+                                       const OzrDeflateHuffCode pDistCodes[30], Ozr32u pLitStat[286],
+                                       Ozr32u pDistStat[30], int flush) {
     OZR_CHECK_NULL(ppSrc, pSrcLen, pSrcIdx, pWindow, pHashHead, pDst, pDstIdx, pCode, pCodeLenBits, pLitCodes, pDistCodes);
+    if ((pLitStat == nullptr) != (pDistStat == nullptr)) return ozrErrNullPointer;
     OZR_CHECK_NULL(*ppSrc);
     if (!winSizeOk(winSize) || !hashSizeOk(hashSize)) return ozrErrSize;
     if (dstLen == 0 || *pDstIdx > dstLen || *pCodeLenBits > 16) return ozrErrSize;
@@ -151,32 +163,43 @@ OzrResult m7_ozrsDeflateLZ77Fastest_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr
     }
     const History h{*ppSrc, pWindow, static_cast<long>(idx), static_cast<long>(winSize)};
     const Ozr32u pend = *pCodeLenBits;
-    CodeSink sink{{*pCode & ((1ull << pend) - 1), pend, pDst + *pDstIdx}, pDst + dstLen, pLitCodes, pDistCodes};
+    BitOut w{*pCode & ((1ull << pend) - 1), pend, pDst + *pDstIdx};
     long p = idx;
     const long e = static_cast<long>(idx) + count;
-    bool done = false;
-    if (sink.room()) {
-        sink.w.flush();
-        done = fastestCore(h, pHashHead, shiftFor(hashSize), p, e, flushAll, sink);
-        // End of block after everything was coded.
-        if (done && flush >= 3) {
-            if (sink.room()) sink.w.put(pLitCodes[256].code, pLitCodes[256].len);
-            else done = false;
+    const auto code = [&](auto& sink) {
+        bool done = false;
+        if (sink.room()) {
+            sink.w.flush();
+            done = fastestCore(h, pHashHead, shiftFor(hashSize), p, e, flushAll, sink);
+            if (done && flush >= 3) {  // end of block after everything was coded
+                if (sink.room()) sink.w.put(pLitCodes[256].code, pLitCodes[256].len);
+                else done = false;
+            }
         }
+        w = sink.w;
+        return done;
+    };
+    bool done;
+    if (pLitStat) {
+        CodeSink<true> sink{w, pDst + dstLen, pLitCodes, pDistCodes, pLitStat, pDistStat};
+        done = code(sink);
+    } else {
+        CodeSink<false> sink{w, pDst + dstLen, pLitCodes, pDistCodes, nullptr, nullptr};
+        done = code(sink);
     }
     // Whole bytes out, byte by byte (the blind 8-byte store is kept for the loop).
-    while (sink.w.n >= 8 && sink.w.out < sink.end) {
-        *sink.w.out++ = static_cast<Ozr8u>(sink.w.buf);
-        sink.w.buf >>= 8;
-        sink.w.n -= 8;
+    while (w.n >= 8 && w.out < pDst + dstLen) {
+        *w.out++ = static_cast<Ozr8u>(w.buf);
+        w.buf >>= 8;
+        w.n -= 8;
     }
     const Ozr32u consumed = static_cast<Ozr32u>(p - static_cast<long>(idx));
     *ppSrc += consumed;
     *pSrcLen -= consumed;
     *pSrcIdx = idx + consumed;
-    *pDstIdx = static_cast<Ozr32u>(sink.w.out - pDst);
-    *pCode = static_cast<Ozr16u>(sink.w.buf);
-    *pCodeLenBits = sink.w.n;
+    *pDstIdx = static_cast<Ozr32u>(w.out - pDst);
+    *pCode = static_cast<Ozr16u>(w.buf);
+    *pCodeLenBits = w.n;
     return done ? ozrOk : ozrWarnDstSizeLess;
 }
 

@@ -10,8 +10,9 @@
 // Levels (-L 0..29, default 6): the LZ77 pass fills a block of up to 32768 entries,
 // the block's codes come from its exact counts, and its header, body and end code
 // are written; a block that would come out larger than its bytes is sent stored.
-// --fastest: the one-pass mode; per 64 KiB block, statistics from its first 8 KiB,
-// a code in which every symbol has a code, a precomputed header, one pass.
+// --fastest: the one-pass mode; per 64 KiB block a code in which every symbol has a
+// code, made from the symbols of the block before (the first block: a sample of
+// 16 KiB), a precomputed header, one pass.
 #include "deflate_stream.h"
 
 #include <cstring>
@@ -29,7 +30,7 @@ constexpr Ozr32u kHash = 32768;
 constexpr size_t kBufData = size_t(1) << 20;   // input bytes held beside the history
 constexpr Ozr32u kBlockEntries = 32768;       // 16-bit counts: keep blocks below 65536 entries
 constexpr size_t kFastBlock = 64 * 1024;
-constexpr Ozr32s kFastSample = 8 * 1024;
+constexpr Ozr32s kFastSample = 16 * 1024;
 
 // The checksum of the container, fed with the input as it is read.
 enum class Container { Raw, Zlib, Gzip };
@@ -226,15 +227,23 @@ void deflateLevels(Input& in, BitStream& bs, int level) {
 void deflateFastest(Input& in, BitStream& bs) {
     std::vector<Ozr32s> head(kHash, -32768);
     OzrDeflateHuffCode lc[286], dc[30];
+    Ozr32u ls[286] = {}, ds[30] = {};
     Ozr32u idx = 0;
+    bool first = true;
     in.refill(in.pos());
     for (;;) {
         if (in.unread() < kFastBlock && !in.eof()) in.refill(in.pos());
         const size_t n = in.unread() < kFastBlock ? in.unread() : kFastBlock;
         const bool last = in.eof() && n == in.unread();
-        Ozr32u ls[286] = {}, ds[30] = {};
-        if (n > 0) fail(ozrsDeflateLZ77FastestGetStat_8u(in.cur(), static_cast<Ozr32s>(n < size_t(kFastSample) ? n : kFastSample), ls, ds), "statistics");
+        // The first block's code from a sample of it, each later one from what the
+        // coder wrote in the block before.
+        if (first && n > 0)
+            fail(ozrsDeflateLZ77FastestGetStat_8u(in.cur(), static_cast<Ozr32s>(n < size_t(kFastSample) ? n : kFastSample), ls, ds),
+                 "statistics");
+        first = false;
         fail(ozrsDeflateLZ77FastestGenHuffTable_8u(ls, ds, lc, dc, 0), "code construction");
+        std::memset(ls, 0, sizeof ls);
+        std::memset(ds, 0, sizeof ds);
         placeHeader(bs, lc, dc, last);
         const Ozr8u* src = in.cur();
         Ozr32u len = static_cast<Ozr32u>(n);
@@ -246,7 +255,7 @@ void deflateFastest(Input& in, BitStream& bs) {
             Ozr8u* d = bs.grow(roomBytes, at);
             const OzrResult st = ozrsDeflateLZ77Fastest_8u(&src, &len, &idx, in.window(), kWin, head.data(), kHash, d,
                                                            static_cast<Ozr32u>(bs.out.size()), &at, &bs.code, &bs.bits,
-                                                           lc, dc, 3);
+                                                           lc, dc, ls, ds, 3);
             fail(st, "fastest coding");
             bs.out.resize(at);
             if (st == ozrOk) break;
