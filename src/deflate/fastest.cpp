@@ -12,7 +12,7 @@
 namespace m7::deflate {
 namespace {
 
-constexpr int kInsertUpTo = 12;   // matches up to this long get their inner positions hashed
+constexpr int kInsertUpTo = 6;    // matches up to this long get their inner positions hashed
 constexpr int kSkipTrigger = 5;   // misses >> kSkipTrigger is the extra step
 
 inline Ozr32u fastHash(const Ozr8u* p, int shift) { return (load32(p) * 2654435761u) >> shift; }

@@ -55,24 +55,30 @@ struct Matcher : History {
     template <bool CutOnGood>
     int search(long p, long cand, int best, Ozr32u limit, Ozr32u maxChain, int good, int nice, int maxLen,
                long* matchPos) const {
-        const long low = p - wsize;
+        // Locals for the chain walk, whose cost is the latency of each link: keep the
+        // loop's state in registers.
+        const long low = p - wsize, first = start;
+        const Ozr32s* const links = prev;
+        const Ozr32u mask = wmask;
+        const Ozr8u* const base = src - start;  // base + q is position q in the source
+        const Ozr8u* const pp = base + p;
+        Ozr32u tail = load32(pp + best - 3);    // the 4 bytes a longer match must repeat
         bool cut = false;
-        const Ozr8u* const pp = at(p);
         for (Ozr32u steps = 1; cand > low && cand < p; ++steps) {
-            const long next = prev[cand & wmask];
-            // The 4 bytes ending at offset best must agree for the candidate to be longer.
-            if (cand < start || load32(at(cand) + best - 3) == load32(pp + best - 3)) {
+            const long next = links[cand & mask];
+            if (cand < first || load32(base + cand + best - 3) == tail) {
                 const int len = length(p, cand, maxLen);
                 if (len > best) {
                     best = len;
                     *matchPos = cand;
+                    if (best >= nice) break;
+                    tail = load32(pp + best - 3);
                     if constexpr (CutOnGood) {
                         if (best >= good && !cut) {
                             cut = true;
                             limit = maxChain / 4;
                         }
                     }
-                    if (best >= nice) break;
                 }
             }
             if (steps >= limit) break;
