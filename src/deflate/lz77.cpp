@@ -35,6 +35,10 @@ struct Matcher : History {
     Ozr16u* distDst;
     Ozr32u written;
 
+    // Starts loading the head entry of position p (its 4 bytes lie in the source): the
+    // matchers ask for the next position's while they work on this one.
+    void prefetchHead(long p) const { __builtin_prefetch(head + (hash4(at(p)) & hmask), 1); }
+
     // Enters position p (its 4 bytes lie in the source) and returns the old head.
     Ozr32s insert(long p) {
         const Ozr32u h = hash4(at(p)) & hmask;
@@ -134,6 +138,7 @@ void runGreedy(Matcher& m, long& p, long e, Ozr32u freeEntries, Params prm, bool
         const long end = tail ? e - 3 : mainEnd;
         while (p < end && m.written < freeEntries) {
             const long cand = m.insert(p);
+            if (p + 1 < end) m.prefetchHead(p + 1);
             const int maxLen = tail ? (e - 3 - p < kMaxMatch ? static_cast<int>(e - 3 - p) : kMaxMatch) : kMaxMatch;
             long pos = 0;
             const int best = tail ? m.search<false>(p, cand, 3, prm.maxChain, prm.maxChain, prm.good, prm.nice, maxLen, &pos)
@@ -182,6 +187,7 @@ void runLazy(Matcher& m, long& p, long e, Ozr32u freeEntries, const Params prm, 
                 cleanWritten = m.written + (P == 3);
             }
             const long cand = m.insert(p);
+            if (p + 1 < end) m.prefetchHead(p + 1);
             int best = P;
             long pos = 0;
             if (P < prm.maxLazy) {
