@@ -137,7 +137,8 @@ OzrResult ozrsAdler32_8u(const Ozr8u* pSrc, Ozr32s len, Ozr32u* pAdler);
  *      length - 3, Ozr16u 0 for a literal or the match distance 1..32768 -- and adds
  *      1 to the frequency of every symbol it emits. Before the next call the caller
  *      puts the winSize bytes that precede the next unread byte into the window
- *      (window[winSize - 1] is the byte right before it).
+ *      (window[winSize - 1] is the byte right before it); a caller that keeps its
+ *      input in one buffer can pass a pointer winSize bytes before that byte.
  *   3. Build Huffman codes from the counts (remember the end-of-block symbol 256),
  *      write the block header, call ozrsDeflateHuff_8u over the sequence, then write
  *      the end-of-block code. Header, body and end code share the caller's pending
@@ -159,8 +160,9 @@ OzrResult ozrsAdler32_8u(const Ozr8u* pSrc, Ozr32s len, Ozr32u* pAdler);
  * sample of the first block is counted with ozrsDeflateLZ77FastestGetStat_8u, later
  * blocks take the counts that the coder gathered while writing the block before;
  * ozrsDeflateLZ77FastestGenHuffTable_8u makes a 15-bit-limited code in which every
- * symbol has a code (so any data can be coded with it), ozrsDeflateLZ77FastestGenHeader_8u writes that code's dynamic block
- * header once into a small buffer, and ozrsDeflateLZ77FastestPrecompHeader_8u
+ * symbol has a code (so any data can be coded with it),
+ * ozrsDeflateLZ77FastestGenHeader_8u writes that code's dynamic block header once
+ * into a small buffer, and ozrsDeflateLZ77FastestPrecompHeader_8u
  * copies the ready header into the stream at the current bit for each block that
  * reuses it. The fixed code of RFC 1951 (mode 1 of the table generator) is the
  * fallback for small blocks, whose header is just BFINAL and BTYPE 01 (3 bits).
