@@ -57,7 +57,7 @@ inline unsigned litEntry(const Tables& tb, Ozr64u bits) {
         return load16(tb.t + 2 * (bits & tb.litMask));
     } else {
         const unsigned i = bits & ((1u << kRootBits) - 1);
-        unsigned e = tb.t[kLongLitKind + i] | tb.t[kLongLitValue + i] << 8;
+        unsigned e = load16(tb.t + kLongLitPacked + 2 * i);
         if (__builtin_expect(((e >> 4) & 15) == kKindLink, 0)) {
             const unsigned j = (e >> 8) * 2 + static_cast<unsigned>(lowBits(bits >> kRootBits, (e & 15) - kRootBits));
             e = tb.t[kLongLitSubKind + j] | tb.t[kLongLitSubValue + j] << 8;
@@ -91,11 +91,14 @@ inline bool isLiteral(unsigned e) { return (e & 0xF0) == 0; }
 constexpr Ozr8u kPatternStride[8] = {0, 8, 8, 9, 8, 10, 12, 14};
 
 // Blind copy of a match of n bytes from op - dist (dist >= 1, inside the output);
-// writes up to 15 bytes past op + n.
+// writes up to 29 bytes past op + n (32 bytes for a 3-byte match).
 inline void copyMatchWild(Ozr8u* op, size_t dist, size_t n) {
     const Ozr8u* src = op - dist;
     if (dist >= 16) {
-        for (size_t i = 0; i < n; i += 16) copy16(op + i, src + i);
+        // Most matches are short: 32 bytes without a loop test first.
+        copy16(op, src);
+        copy16(op + 16, src + 16);
+        for (size_t i = 32; i < n; i += 16) copy16(op + i, src + i);
     } else if (dist >= 8) {
         for (size_t i = 0; i < n; i += 8) copy8(op + i, src + i);
     } else if (dist == 1) {

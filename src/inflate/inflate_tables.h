@@ -54,7 +54,10 @@ constexpr unsigned kLongDistSubBase = 0x1A00;
 constexpr unsigned kLongDistSubLen = 0x1C00;
 constexpr unsigned kLongLitSubEntries = 512;
 constexpr unsigned kLongDistSubEntries = 256;
-constexpr unsigned kLongTableBytes = kLongDistSubLen + kLongDistSubEntries;
+// Behind the layout above, the first-level literal/length entries once more as 16-bit
+// words (kind/length byte | value << 8), so that the decoder finds one with one load.
+constexpr unsigned kLongLitPacked = kLongDistSubLen + kLongDistSubEntries;
+constexpr unsigned kLongTableBytes = kLongLitPacked + 2 * 1024;
 
 static_assert(kLongTableBytes <= OZR_INFLATE_TABLE_BYTES);
 static_assert((2u << kShortLitMax) + kShortDistBaseGap + (2u << kShortDistMax) <= OZR_INFLATE_TABLE_BYTES);
@@ -230,6 +233,9 @@ constexpr bool buildLongAlphabet(const Ozr16u* lens, unsigned n, Ozr8u* t) {
             }
         }
     }
+    if constexpr (!Dist)
+        for (unsigned i = 0; i < rootSize; ++i)
+            put16(t, kLongLitPacked + 2 * i, t[kLongLitKind + i] | t[kLongLitValue + i] << 8);
     return true;
 }
 
@@ -244,8 +250,10 @@ constexpr LongTable makeFixedTable() {
     // Lit: build all 288, then mark 286/287 (codes 0xC6, 0xC7 in 8 bits).
     buildLongAlphabet<false>(lens, kNumLitSyms, t.b);
     for (unsigned c = 0xC6; c <= 0xC7; ++c)
-        for (unsigned i = reverseCode(c, 8); i < (1u << kRootBits); i += 256)
+        for (unsigned i = reverseCode(c, 8); i < (1u << kRootBits); i += 256) {
             t.b[kLongLitKind + i] = static_cast<Ozr8u>(kLitInvalid | 8);
+            put16(t.b, kLongLitPacked + 2 * i, kLitInvalid | 8);
+        }
     // Dist: codes 0..29 from the builder, 30 and 31 invalid with their 5-bit length.
     buildLongAlphabet<true>(lens + kNumLitSyms, kNumDistSyms, t.b);
     for (unsigned c = 30; c <= 31; ++c)
