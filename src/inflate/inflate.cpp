@@ -32,6 +32,7 @@ constexpr size_t kFastOutMargin = 320;
 enum class Table { Short, Long };
 
 inline Ozr16u load16(const Ozr8u* p) { Ozr16u v; __builtin_memcpy(&v, p, 2); return v; }
+inline Ozr32u load32(const Ozr8u* p) { Ozr32u v; __builtin_memcpy(&v, p, 4); return v; }
 inline Ozr64u load64(const Ozr8u* p) { Ozr64u v; __builtin_memcpy(&v, p, 8); return v; }
 inline void store64(Ozr8u* p, Ozr64u v) { __builtin_memcpy(p, &v, 8); }
 inline void copy8(Ozr8u* d, const Ozr8u* s) { store64(d, load64(s)); }
@@ -74,7 +75,7 @@ inline unsigned distEntry(const Tables& tb, Ozr64u bits) {
         return tb.distLen[i] | static_cast<unsigned>(load16(tb.distBase + 2 * i)) << 16;
     } else {
         const unsigned i = bits & ((1u << kRootBits) - 1);
-        unsigned e = tb.t[kLongDistLen + i] | static_cast<unsigned>(load16(tb.t + kLongDistBase + 2 * i)) << 16;
+        unsigned e = load32(tb.t + kLongDistPacked + 4 * i);
         if (__builtin_expect((e >> 4 & 15) == kDistExtraLink, 0)) {
             const unsigned j =
                 (e >> 16) + static_cast<unsigned>(lowBits(bits >> kRootBits, (e & 15) - kRootBits));

@@ -54,10 +54,12 @@ constexpr unsigned kLongDistSubBase = 0x1A00;
 constexpr unsigned kLongDistSubLen = 0x1C00;
 constexpr unsigned kLongLitSubEntries = 512;
 constexpr unsigned kLongDistSubEntries = 256;
-// Behind the layout above, the first-level literal/length entries once more as 16-bit
-// words (kind/length byte | value << 8), so that the decoder finds one with one load.
+// Behind the layout above, the first-level entries once more in one word each, so that
+// the decoder finds one with one load: literal/length as 16 bits (kind/length byte |
+// value << 8), distance as 32 bits (length/extra byte | base << 16).
 constexpr unsigned kLongLitPacked = kLongDistSubLen + kLongDistSubEntries;
-constexpr unsigned kLongTableBytes = kLongLitPacked + 2 * 1024;
+constexpr unsigned kLongDistPacked = kLongLitPacked + 2 * 1024;
+constexpr unsigned kLongTableBytes = kLongDistPacked + 4 * 1024;
 
 static_assert(kLongTableBytes <= OZR_INFLATE_TABLE_BYTES);
 static_assert((2u << kShortLitMax) + kShortDistBaseGap + (2u << kShortDistMax) <= OZR_INFLATE_TABLE_BYTES);
@@ -132,6 +134,18 @@ struct LongTable { Ozr8u b[kLongTableBytes]; };
 constexpr void put16(Ozr8u* t, unsigned off, unsigned v) {
     t[off] = static_cast<Ozr8u>(v);
     t[off + 1] = static_cast<Ozr8u>(v >> 8);
+}
+
+template <bool Dist>
+constexpr void packLongRoot(Ozr8u* t) {
+    for (unsigned i = 0; i < (1u << kRootBits); ++i) {
+        if constexpr (Dist) {
+            put16(t, kLongDistPacked + 4 * i, t[kLongDistLen + i]);
+            put16(t, kLongDistPacked + 4 * i + 2, t[kLongDistBase + 2 * i] | t[kLongDistBase + 2 * i + 1] << 8);
+        } else {
+            put16(t, kLongLitPacked + 2 * i, t[kLongLitKind + i] | t[kLongLitValue + i] << 8);
+        }
+    }
 }
 
 // One alphabet of the long table: the literal/length part (Dist false) or the distance
@@ -233,9 +247,7 @@ constexpr bool buildLongAlphabet(const Ozr16u* lens, unsigned n, Ozr8u* t) {
             }
         }
     }
-    if constexpr (!Dist)
-        for (unsigned i = 0; i < rootSize; ++i)
-            put16(t, kLongLitPacked + 2 * i, t[kLongLitKind + i] | t[kLongLitValue + i] << 8);
+    packLongRoot<Dist>(t);
     return true;
 }
 
@@ -259,6 +271,7 @@ constexpr LongTable makeFixedTable() {
     for (unsigned c = 30; c <= 31; ++c)
         for (unsigned i = reverseCode(c, 5); i < (1u << kRootBits); i += 32)
             t.b[kLongDistLen + i] = static_cast<Ozr8u>(kDistInvalid | 5);
+    packLongRoot<true>(t.b);
     return t;
 }
 
