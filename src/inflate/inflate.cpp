@@ -49,22 +49,29 @@ struct Tables {
     const Ozr8u* distBase;       // short table: 16-bit distance bases
 };
 
-// The literal/length entry for the next code (16-bit short-table form), the long
-// table's second level resolved. Reads only index bits; the code may be longer than
-// the bits held, which the caller checks against the entry's length.
+// The literal/length entry for the next code (16-bit short-table form). litRoot reads
+// the first level only; litResolve follows a long-table link to the second level (a
+// literal never needs it, so the fast loop tests for a literal first). Reads only index
+// bits; the code may be longer than the bits held, which the caller checks against the
+// entry's length.
 template <Table T>
-inline unsigned litEntry(const Tables& tb, Ozr64u bits) {
-    if constexpr (T == Table::Short) {
-        return load16(tb.t + 2 * (bits & tb.litMask));
-    } else {
-        const unsigned i = bits & ((1u << kRootBits) - 1);
-        unsigned e = load16(tb.t + kLongLitPacked + 2 * i);
-        if (__builtin_expect(((e >> 4) & 15) == kKindLink, 0)) {
+inline unsigned litRoot(const Tables& tb, Ozr64u bits) {
+    if constexpr (T == Table::Short) return load16(tb.t + 2 * (bits & tb.litMask));
+    else return load16(tb.t + kLongLitPacked + 2 * (bits & ((1u << kRootBits) - 1)));
+}
+template <Table T>
+inline unsigned litResolve(const Tables& tb, Ozr64u bits, unsigned e) {
+    if constexpr (T == Table::Long) {
+        if (((e >> 4) & 15) == kKindLink) {
             const unsigned j = (e >> 8) * 2 + static_cast<unsigned>(lowBits(bits >> kRootBits, (e & 15) - kRootBits));
             e = tb.t[kLongLitSubKind + j] | tb.t[kLongLitSubValue + j] << 8;
         }
-        return e;
     }
+    return e;
+}
+template <Table T>
+inline unsigned litEntry(const Tables& tb, Ozr64u bits) {
+    return litResolve<T>(tb, bits, litRoot<T>(tb, bits));
 }
 
 // The distance entry: length byte in bits 0..7, base in bits 16..31.
@@ -153,18 +160,23 @@ __attribute__((always_inline)) inline FastExit fastLoop(Cursor& c, const Tables&
         bb >>= k;
         n -= k;
     };
+    // The next entry, tested for a literal before any second-level lookup.
+    auto next = [&] {
+        const unsigned e = litRoot<T>(tb, bb);
+        return isLiteral(e) ? e : litResolve<T>(tb, bb, e);
+    };
     while (ip < inLimit && op < outLimit) {
         refill();
-        unsigned e = litEntry<T>(tb, bb);
+        unsigned e = next();
         if (isLiteral(e)) {
             // Three literal codes of up to 15 bits fit in the 56 bits.
             consume(e & 15);
             *op++ = static_cast<Ozr8u>(e >> 8);
-            e = litEntry<T>(tb, bb);
+            e = next();
             if (isLiteral(e)) {
                 consume(e & 15);
                 *op++ = static_cast<Ozr8u>(e >> 8);
-                e = litEntry<T>(tb, bb);
+                e = next();
                 if (isLiteral(e)) {
                     consume(e & 15);
                     *op++ = static_cast<Ozr8u>(e >> 8);
