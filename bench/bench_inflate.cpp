@@ -8,6 +8,7 @@
 #include <libdeflate.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
@@ -103,15 +104,21 @@ void runInflate(const Corpus& c, const Options& o, Table& t) {
         size_t maxRaw = 0;
         for (const Stream& s : streams) total += s.rawLen, maxRaw = std::max(maxRaw, s.rawLen);
         Bytes out(maxRaw + 64);
-        for (const Impl& im : impls) {
+        for (const Impl& im : impls)
             for (const Stream& s : streams)
                 if ((d.*im.fn)(s, out.data()) != s.rawLen)
                     throw std::runtime_error(std::string("inflate bench: ") + im.name + " failed on " + op);
-            const double mbps = measure(o, total, [&] {
-                for (const Stream& s : streams) (d.*im.fn)(s, out.data());
-            });
-            t.add({op, im.name, im.ours, mbps, total, 0, im.note});
-        }
+        // The decoders take turns, best of the rounds each: on a shared machine a slow
+        // spell then hits all of them rather than one.
+        double best[4] = {};
+        Options once = o;
+        once.repeats = 1;
+        for (int round = 0; round < o.repeats; ++round)
+            for (size_t k = 0; k < 4; ++k)
+                best[k] = std::max(best[k], measure(once, total, [&] {
+                    for (const Stream& s : streams) (d.*impls[k].fn)(s, out.data());
+                }));
+        for (size_t k = 0; k < 4; ++k) t.add({op, impls[k].name, impls[k].ours, best[k], total, 0, impls[k].note});
     };
 
     std::vector<Stream> all;

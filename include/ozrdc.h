@@ -370,7 +370,7 @@ OzrResult ozrsDeflateLZ77FastestPrecompHeader_8u(const Ozr8u* pHeader, Ozr32u he
  */
 
 /* Bytes of the table area inside OzrInflateState. */
-#define OZR_INFLATE_TABLE_BYTES 7424
+#define OZR_INFLATE_TABLE_BYTES 13568
 
 /* The decoder's state record: allocated by the caller (sizeof), no initialisation
  * call. The caller sets pWindow and winSize (pWindow may be null: no window);
@@ -394,7 +394,10 @@ typedef struct OzrInflateState {
  * (the block is complete); 1, decoding stopped between two symbols because the input
  * ran out; 2, decoding stopped inside a symbol (its progress is in the state record).
  * On entry: 2 resumes the saved symbol; any other value starts at a symbol boundary
- * (pass 0 or 1 at the start of a block, then what the previous call returned). */
+ * (pass 0 or 1 at the start of a block, then what the previous call returned).
+ * The saved step tells a caller what a mode-2 stop waits for: savedStep 5 (a match)
+ * or 6 (a literal) wait for output room; 2 (length extra bits), 3 (distance code) and
+ * 4 (distance extra bits) wait for input, as mode 1 does. */
 typedef Ozr32u OzrInflateMode;
 
 /* Builds the decoding tables of a dynamic block into pState from its code lengths:
@@ -421,19 +424,24 @@ OzrResult ozrsInflateBuildHuffTable(const Ozr16u* pCodeLens, Ozr32u nLitCodeLens
  * symbol (see OzrInflateMode). In/out on every return other than a null-pointer or
  * size error: *ppSrc and *pSrcLen advance past the input bytes taken into the bit
  * buffer; *pCode and *pCodeLenBits (at most 32) hold the unconsumed bits; *ppDst
- * advances past the bytes written and *pDstLen (the room) drops by as many. The
- * decoder takes input bytes only as it needs them: after the end-of-block code fewer
- * than 8 bits are held, unless more were passed in. A literal or match that finds no
- * room is still decoded and kept in the state record (mode 2); an end-of-block code
- * is read even when the output is full.
+ * advances past the bytes written and *pDstLen (the room) drops by as many. When the
+ * input runs out, all of it has been taken and the bits held are fewer than the next
+ * field needs. On any other return (end of block, output full, error) whole bytes that
+ * were taken but not consumed are given back, so that fewer than 8 bits are held
+ * unless more were passed in: after the end-of-block code the next block header starts
+ * in *pCode and continues at *ppSrc. A literal or match that finds no room is still
+ * decoded and kept in the state record (mode 2); an end-of-block code is read even
+ * when the output is full. The result does not depend on how input and output are
+ * split between calls.
  * winIdx: the bytes of history in pWindow (at most winSize). dstIdx: the bytes of
  * output already in the buffer before *ppDst, which matches may reach into.
  * Errors: a null pointer argument, *ppSrc or *ppDst null -> ozrErrNullPointer;
  * *pCodeLenBits > 32 or winIdx > winSize (unsigned) -> ozrErrSize; with nothing
  * written. A code that no symbol owns, a distance code in a block without distances,
  * a match reaching before the available history, or a tableType other than 0..2 ->
- * ozrErrHuffTable, with the in/out values written back as far as decoding got (the
- * offending code not consumed, the mode left as it was). Otherwise ozrOk. */
+ * ozrErrHuffTable, with the in/out values written back as far as decoding got (an
+ * invalid code is not consumed; a match that reaches too far is, with its distance;
+ * the mode is left as it was). Otherwise ozrOk. */
 OzrResult ozrsInflate_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pCode, Ozr32u* pCodeLenBits, Ozr32s winIdx,
                          Ozr8u** ppDst, Ozr32u* pDstLen, Ozr32s dstIdx, OzrInflateMode* pMode,
                          OzrInflateState* pState);

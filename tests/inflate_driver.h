@@ -73,38 +73,37 @@ struct BitSource {
     }
 };
 
-// A small canonical Huffman decoder for the code-length code (bit at a time).
+// The code-length code (19 symbols, lengths up to 7): one lookup of 7 bits, each entry
+// symbol | length << 8 (0: no code).
 struct SmallCode {
-    unsigned count[16] = {};
-    unsigned symbols[19] = {};
+    Ozr16u table[128] = {};
     bool build(const unsigned* lens, unsigned n) {
+        unsigned count[8] = {}, next[8] = {};
         for (unsigned s = 0; s < n; ++s) ++count[lens[s]];
         count[0] = 0;
         int left = 1;
-        for (unsigned L = 1; L < 16; ++L) {
+        for (unsigned L = 1; L < 8; ++L) {
             left = left * 2 - static_cast<int>(count[L]);
             if (left < 0) return false;
         }
         if (left != 0) return false;  // the code-length code must be complete
-        unsigned offs[16] = {};
-        for (unsigned L = 1; L < 15; ++L) offs[L + 1] = offs[L] + count[L];
-        for (unsigned s = 0; s < n; ++s)
-            if (lens[s]) symbols[offs[lens[s]]++] = s;
+        for (unsigned L = 1, c = 0; L < 8; ++L) next[L] = c = (c + count[L - 1]) << 1;
+        for (unsigned s = 0; s < n; ++s) {
+            const unsigned L = lens[s];
+            if (L == 0) continue;
+            unsigned code = next[L]++, rev = 0;
+            for (unsigned i = 0; i < L; ++i) rev |= (code >> i & 1) << (L - 1 - i);
+            for (unsigned i = rev; i < 128; i += 1u << L) table[i] = static_cast<Ozr16u>(s | L << 8);
+        }
         return true;
     }
     // -1 at the end of the input.
     int decode(BitSource& b) const {
-        int code = 0, first = 0, index = 0;
-        for (unsigned L = 1; L < 16; ++L) {
-            if (!b.need(1)) return -1;
-            code |= static_cast<int>(b.take(1));
-            const int c = static_cast<int>(count[L]);
-            if (code - first < c) return static_cast<int>(symbols[index + code - first]);
-            index += c;
-            first = (first + c) << 1;
-            code <<= 1;
-        }
-        return -2;  // not reached for a complete code
+        b.need(7);  // as many of the 7 bits as there are
+        const unsigned e = table[b.code & 127];
+        if ((e >> 8) > b.count) return -1;
+        b.take(e >> 8);
+        return static_cast<int>(e & 0xFF);
     }
 };
 

@@ -3,6 +3,7 @@
 // acceptance rule and layouts; the decoder's resume points, statuses and hand-back of
 // unused input; hostile input against guard pages.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <libdeflate.h>
 #include <zlib.h>
@@ -10,6 +11,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <random>
 #include <string>
@@ -18,6 +21,7 @@
 #include "../fuzz/guarded.h"
 #include "inflate_driver.h"
 #include "m7.h"
+#include "shell_run.h"
 #include "test_data.h"
 
 namespace {
@@ -611,6 +615,146 @@ TEST(InflateHostile, DamagedStreamsGiveTheSameResultInEveryPieceSize) {
         errors += a.error != Error::None;
     }
     EXPECT_GT(errors, 50);
+}
+
+// ---- The tool: gzip, zlib and raw Deflate files ---------------------------------------------
+
+namespace fs = std::filesystem;
+
+ToolRun sh(const std::string& cmd) { return runShell(cmd); }
+
+class InflateTool : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir = fs::temp_directory_path() / ("ozrdc_inflate_test_" + std::to_string(::getpid()));
+        fs::create_directories(dir);
+        data = mixedBytes(400000, 41);
+        write("data", data);
+    }
+    void TearDown() override { fs::remove_all(dir); }
+    std::string path(const std::string& name) const { return (dir / name).string(); }
+    void write(const std::string& name, const Bytes& b) const {
+        std::ofstream(path(name), std::ios::binary).write(reinterpret_cast<const char*>(b.data()), b.size());
+    }
+    Bytes read(const std::string& name) const {
+        std::ifstream f(path(name), std::ios::binary);
+        return Bytes(std::istreambuf_iterator<char>(f), {});
+    }
+    ToolRun decompress(const std::string& in, const std::string& out) const {
+        return sh(std::string(OZRDC_TOOL_PATH) + " decompress -f -o " + path(out) + " " + path(in));
+    }
+    // Decodes `in` and expects the test data back.
+    void expectRestores(const std::string& in, const Bytes& want) {
+        const ToolRun r = decompress(in, "out");
+        ASSERT_EQ(r.status, 0) << in << ": " << r.output;
+        EXPECT_TRUE(read("out") == want) << in;
+    }
+    // Decoding `in` must fail with a message naming `why` and leave no output file.
+    void expectRefused(const std::string& in, const std::string& why) {
+        fs::remove(path("bad_out"));
+        const ToolRun r = decompress(in, "bad_out");
+        EXPECT_NE(r.status, 0) << in;
+        EXPECT_NE(r.output.find(why), std::string::npos) << in << ": " << r.output;
+        EXPECT_FALSE(fs::exists(path("bad_out"))) << in;
+    }
+    fs::path dir;
+    Bytes data;
+};
+
+TEST_F(InflateTool, DecodesWhatGzipAndPigzWrite) {
+    for (const char* cmd : {"gzip -c -1", "gzip -c -9", "gzip -c -n -6", "pigz -c -p 2 -b 128", "pigz -c -9 -p 1"}) {
+        ASSERT_EQ(sh(std::string(cmd) + " " + path("data") + " > " + path("data.gz")).status, 0) << cmd;
+        expectRestores("data.gz", data);
+    }
+    ASSERT_EQ(sh("pigz -c -z -p 2 " + path("data") + " > " + path("data.zz")).status, 0);
+    expectRestores("data.zz", data);
+    // Several members, as cat joins them.
+    ASSERT_EQ(sh("gzip -c -1 " + path("data") + " > " + path("two.gz") + " && pigz -c " + path("data") + " >> " +
+                 path("two.gz")).status, 0);
+    Bytes twice = data;
+    twice.insert(twice.end(), data.begin(), data.end());
+    expectRestores("two.gz", twice);
+}
+
+TEST_F(InflateTool, ReadsEveryGzipHeaderField) {
+    ASSERT_EQ(sh("gzip -c -n " + path("data") + " > " + path("plain.gz")).status, 0);
+    const Bytes plain = read("plain.gz");
+    Bytes h(plain.begin(), plain.begin() + 10);
+    h[3] = 0x02 | 0x04 | 0x08 | 0x10;  // FHCRC, FEXTRA, FNAME, FCOMMENT
+    const uint8_t extra[] = {7, 0, 'A', 'B', 3, 0, 1, 2, 3};
+    h.insert(h.end(), extra, extra + sizeof extra);
+    for (const char* z : {"name.txt", "a comment"}) h.insert(h.end(), z, z + std::strlen(z) + 1);
+    const uLong hc = crc32(0, h.data(), static_cast<uInt>(h.size()));
+    h.push_back(static_cast<uint8_t>(hc));
+    h.push_back(static_cast<uint8_t>(hc >> 8));
+    h.insert(h.end(), plain.begin() + 10, plain.end());
+    write("fields.gz", h);
+    expectRestores("fields.gz", data);
+    h[h.size() - plain.size() + 10 - 1] ^= 1;
+    write("badhcrc.gz", h);
+    expectRefused("badhcrc.gz", "header CRC");
+}
+
+TEST_F(InflateTool, RefusesDamagedAndTruncatedFiles) {
+    ASSERT_EQ(sh("gzip -c -n " + path("data") + " > " + path("ok.gz")).status, 0);
+    const Bytes gz = read("ok.gz");
+    Bytes crc = gz;
+    crc[crc.size() - 6] ^= 0x40;
+    write("crc.gz", crc);
+    expectRefused("crc.gz", "CRC-32 mismatch");
+    Bytes len = gz;
+    len[len.size() - 2] ^= 1;
+    write("len.gz", len);
+    expectRefused("len.gz", "length mismatch");
+    for (size_t cut : {size_t{5}, size_t{11}, gz.size() / 2, gz.size() - 4, gz.size() - 1}) {
+        write("cut.gz", Bytes(gz.begin(), gz.begin() + cut));
+        expectRefused("cut.gz", "truncated");
+    }
+    Bytes body = gz;
+    body[body.size() / 3] ^= 0xFF;
+    body[body.size() / 3 + 1] ^= 0xFF;
+    write("body.gz", body);
+    expectRefused("body.gz", "body.gz");
+    Bytes junk = gz;
+    junk.push_back('x');
+    write("junk.gz", junk);
+    expectRefused("junk.gz", "trailing data");
+    Bytes padded = gz;
+    padded.insert(padded.end(), 512, 0);
+    write("padded.gz", padded);
+    expectRestores("padded.gz", data);
+}
+
+TEST_F(InflateTool, ZlibAdlerCheckedAndPresetDictionaryRefused) {
+    ASSERT_EQ(sh("pigz -c -z " + path("data") + " > " + path("ok.zz")).status, 0);
+    Bytes zz = read("ok.zz");
+    zz[zz.size() - 1] ^= 1;
+    write("adler.zz", zz);
+    expectRefused("adler.zz", "Adler-32 mismatch");
+    // A stream made with a preset dictionary (FDICT set, the dictionary's Adler-32 next).
+    z_stream z{};
+    ASSERT_EQ(deflateInit(&z, 6), Z_OK);
+    const Bytes dict = textBytes(1000, 1);
+    deflateSetDictionary(&z, dict.data(), static_cast<uInt>(dict.size()));
+    Bytes out(deflateBound(&z, data.size()));
+    z.next_in = data.data();
+    z.avail_in = static_cast<uInt>(data.size());
+    z.next_out = out.data();
+    z.avail_out = static_cast<uInt>(out.size());
+    ASSERT_EQ(deflate(&z, Z_FINISH), Z_STREAM_END);
+    out.resize(z.total_out);
+    deflateEnd(&z);
+    write("dict.zz", out);
+    expectRefused("dict.zz", "preset dictionary");
+}
+
+TEST_F(InflateTool, RawDeflateIsKnownByItsExtension) {
+    write("data.deflate", zlibDeflate(data, 6));
+    expectRestores("data.deflate", data);
+    Bytes cut = zlibDeflate(data, 6);
+    cut.resize(cut.size() - 3);
+    write("cut.deflate", cut);
+    expectRefused("cut.deflate", "truncated");
 }
 
 }  // namespace

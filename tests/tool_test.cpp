@@ -7,27 +7,13 @@
 #include <fstream>
 #include <string>
 
+#include "shell_run.h"
+
 namespace fs = std::filesystem;
 
 namespace {
 
-struct ToolRun {
-    int status;
-    std::string output;  // stdout and stderr together
-};
-
-ToolRun runTool(const std::string& args) {
-    std::string cmd = std::string(OZRDC_TOOL_PATH) + " " + args + " 2>&1";
-    ToolRun r{-1, {}};
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return r;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.output.append(buf, n);
-    int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
-}
+ToolRun runTool(const std::string& args) { return runShell(std::string(OZRDC_TOOL_PATH) + " " + args); }
 
 class ToolTest : public ::testing::Test {
 protected:

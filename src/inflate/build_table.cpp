@@ -14,6 +14,7 @@ namespace {
 struct CodeStats {
     unsigned count[16];
     unsigned minLen, maxLen;  // 0 when no symbol has a code
+    bool complete;            // every index of a table is some code's: no entry needs a default
 };
 
 // Counts the lengths; false when one is above 15.
@@ -24,6 +25,7 @@ bool countLengths(const Ozr16u* lens, unsigned n, CodeStats& st) {
         ++st.count[lens[s]];
     }
     st.minLen = st.maxLen = 0;
+    st.complete = false;
     for (unsigned L = kMaxCodeLen; L >= 1; --L)
         if (st.count[L] != 0) { st.maxLen = L; break; }
     for (unsigned L = 1; L <= kMaxCodeLen; ++L)
@@ -34,15 +36,15 @@ bool countLengths(const Ozr16u* lens, unsigned n, CodeStats& st) {
 // Walks the lengths from the shortest up, doubling the codes in use at each step: over
 // the capacity is over-subscribed; below it after the longest is incomplete, which
 // only a single 1-bit code may be.
-bool prefixCodeValid(const CodeStats& st) {
+bool prefixCodeValid(CodeStats& st) {
     // Codes in use after length L, counted in units of 2^-L, must stay within 2^L.
     Ozr64u used = 0;
     for (unsigned L = 1; L <= st.maxLen; ++L) {
         used = 2 * used + st.count[L];
         if (used > (Ozr64u{1} << L)) return false;
     }
-    if (used == (Ozr64u{1} << st.maxLen)) return true;
-    return st.maxLen == 1 && used == 1;
+    st.complete = used == (Ozr64u{1} << st.maxLen);
+    return st.complete || (st.maxLen == 1 && used == 1);
 }
 
 // Fills every index whose low L bits are the reversed code r, up to `size` entries,
@@ -77,7 +79,8 @@ OzrResult buildShort(const Ozr16u* lens, unsigned nLit, unsigned nDist, const Co
     const unsigned litSize = 1u << litBits;
     unsigned next[16];
     nextCodes(lit, next);
-    for (unsigned i = 0; i < litSize; ++i) litTab[i] = kLitInvalid;
+    if (!lit.complete)
+        for (unsigned i = 0; i < litSize; ++i) litTab[i] = kLitInvalid;
     for (unsigned sym = 0; sym < nLit; ++sym) {
         const unsigned L = lens[sym];
         if (L == 0) continue;
@@ -90,7 +93,8 @@ OzrResult buildShort(const Ozr16u* lens, unsigned nLit, unsigned nDist, const Co
     const unsigned distSize = 1u << distBits;
     // Also without distance codes: a length symbol then meets an invalid entry rather
     // than what an earlier block left.
-    for (unsigned i = 0; i < distSize; ++i) distLen[i] = kDistInvalid;
+    if (!dist.complete)
+        for (unsigned i = 0; i < distSize; ++i) distLen[i] = kDistInvalid;
     if (nDist > 0) {
         nextCodes(dist, next);
         const Ozr16u* const dl = lens + nLit;
@@ -130,7 +134,9 @@ extern "C" OzrResult m7_ozrsInflateBuildHuffTable(const Ozr16u* pCodeLens, Ozr32
     pState->tableType = 1;
     pState->litMaxLen = lit.maxLen;
     pState->distMaxLen = dist.maxLen;
-    if (!buildLongAlphabet<false>(pCodeLens, nLitCodeLens, pState->tableBuffer)) return ozrErrHuffTable;
-    if (!buildLongAlphabet<true>(pCodeLens + nLitCodeLens, nDist, pState->tableBuffer)) return ozrErrHuffTable;
+    if (!buildLongAlphabet<false>(pCodeLens, nLitCodeLens, lit.complete, pState->tableBuffer))
+        return ozrErrHuffTable;
+    if (!buildLongAlphabet<true>(pCodeLens + nLitCodeLens, nDist, dist.complete, pState->tableBuffer))
+        return ozrErrHuffTable;
     return ozrOk;
 }

@@ -32,6 +32,7 @@ constexpr size_t kFastOutMargin = 320;
 enum class Table { Short, Long };
 
 inline Ozr16u load16(const Ozr8u* p) { Ozr16u v; __builtin_memcpy(&v, p, 2); return v; }
+inline Ozr32u load32(const Ozr8u* p) { Ozr32u v; __builtin_memcpy(&v, p, 4); return v; }
 inline Ozr64u load64(const Ozr8u* p) { Ozr64u v; __builtin_memcpy(&v, p, 8); return v; }
 inline void store64(Ozr8u* p, Ozr64u v) { __builtin_memcpy(p, &v, 8); }
 inline void copy8(Ozr8u* d, const Ozr8u* s) { store64(d, load64(s)); }
@@ -48,22 +49,29 @@ struct Tables {
     const Ozr8u* distBase;       // short table: 16-bit distance bases
 };
 
-// The literal/length entry for the next code (16-bit short-table form), the long
-// table's second level resolved. Reads only index bits; the code may be longer than
-// the bits held, which the caller checks against the entry's length.
+// The literal/length entry for the next code (16-bit short-table form). litRoot reads
+// the first level only; litResolve follows a long-table link to the second level (a
+// literal never needs it, so the fast loop tests for a literal first). Reads only index
+// bits; the code may be longer than the bits held, which the caller checks against the
+// entry's length.
 template <Table T>
-inline unsigned litEntry(const Tables& tb, Ozr64u bits) {
-    if constexpr (T == Table::Short) {
-        return load16(tb.t + 2 * (bits & tb.litMask));
-    } else {
-        const unsigned i = bits & ((1u << kRootBits) - 1);
-        unsigned e = tb.t[kLongLitKind + i] | tb.t[kLongLitValue + i] << 8;
-        if (__builtin_expect(((e >> 4) & 15) == kKindLink, 0)) {
+inline unsigned litRoot(const Tables& tb, Ozr64u bits) {
+    if constexpr (T == Table::Short) return load16(tb.t + 2 * (bits & tb.litMask));
+    else return load16(tb.t + kLongLitPacked + 2 * (bits & ((1u << kRootBits) - 1)));
+}
+template <Table T>
+inline unsigned litResolve(const Tables& tb, Ozr64u bits, unsigned e) {
+    if constexpr (T == Table::Long) {
+        if (((e >> 4) & 15) == kKindLink) {
             const unsigned j = (e >> 8) * 2 + static_cast<unsigned>(lowBits(bits >> kRootBits, (e & 15) - kRootBits));
             e = tb.t[kLongLitSubKind + j] | tb.t[kLongLitSubValue + j] << 8;
         }
-        return e;
     }
+    return e;
+}
+template <Table T>
+inline unsigned litEntry(const Tables& tb, Ozr64u bits) {
+    return litResolve<T>(tb, bits, litRoot<T>(tb, bits));
 }
 
 // The distance entry: length byte in bits 0..7, base in bits 16..31.
@@ -74,7 +82,7 @@ inline unsigned distEntry(const Tables& tb, Ozr64u bits) {
         return tb.distLen[i] | static_cast<unsigned>(load16(tb.distBase + 2 * i)) << 16;
     } else {
         const unsigned i = bits & ((1u << kRootBits) - 1);
-        unsigned e = tb.t[kLongDistLen + i] | static_cast<unsigned>(load16(tb.t + kLongDistBase + 2 * i)) << 16;
+        unsigned e = load32(tb.t + kLongDistPacked + 4 * i);
         if (__builtin_expect((e >> 4 & 15) == kDistExtraLink, 0)) {
             const unsigned j =
                 (e >> 16) + static_cast<unsigned>(lowBits(bits >> kRootBits, (e & 15) - kRootBits));
@@ -91,11 +99,14 @@ inline bool isLiteral(unsigned e) { return (e & 0xF0) == 0; }
 constexpr Ozr8u kPatternStride[8] = {0, 8, 8, 9, 8, 10, 12, 14};
 
 // Blind copy of a match of n bytes from op - dist (dist >= 1, inside the output);
-// writes up to 15 bytes past op + n.
+// writes up to 29 bytes past op + n (32 bytes for a 3-byte match).
 inline void copyMatchWild(Ozr8u* op, size_t dist, size_t n) {
     const Ozr8u* src = op - dist;
     if (dist >= 16) {
-        for (size_t i = 0; i < n; i += 16) copy16(op + i, src + i);
+        // Most matches are short: 32 bytes without a loop test first.
+        copy16(op, src);
+        copy16(op + 16, src + 16);
+        for (size_t i = 32; i < n; i += 16) copy16(op + i, src + i);
     } else if (dist >= 8) {
         for (size_t i = 0; i < n; i += 8) copy8(op + i, src + i);
     } else if (dist == 1) {
@@ -149,18 +160,23 @@ __attribute__((always_inline)) inline FastExit fastLoop(Cursor& c, const Tables&
         bb >>= k;
         n -= k;
     };
+    // The next entry, tested for a literal before any second-level lookup.
+    auto next = [&] {
+        const unsigned e = litRoot<T>(tb, bb);
+        return isLiteral(e) ? e : litResolve<T>(tb, bb, e);
+    };
     while (ip < inLimit && op < outLimit) {
         refill();
-        unsigned e = litEntry<T>(tb, bb);
+        unsigned e = next();
         if (isLiteral(e)) {
             // Three literal codes of up to 15 bits fit in the 56 bits.
             consume(e & 15);
             *op++ = static_cast<Ozr8u>(e >> 8);
-            e = litEntry<T>(tb, bb);
+            e = next();
             if (isLiteral(e)) {
                 consume(e & 15);
                 *op++ = static_cast<Ozr8u>(e >> 8);
-                e = litEntry<T>(tb, bb);
+                e = next();
                 if (isLiteral(e)) {
                     consume(e & 15);
                     *op++ = static_cast<Ozr8u>(e >> 8);

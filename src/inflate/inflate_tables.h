@@ -54,7 +54,12 @@ constexpr unsigned kLongDistSubBase = 0x1A00;
 constexpr unsigned kLongDistSubLen = 0x1C00;
 constexpr unsigned kLongLitSubEntries = 512;
 constexpr unsigned kLongDistSubEntries = 256;
-constexpr unsigned kLongTableBytes = kLongDistSubLen + kLongDistSubEntries;
+// Behind the layout above, the first-level entries once more in one word each, so that
+// the decoder finds one with one load: literal/length as 16 bits (kind/length byte |
+// value << 8), distance as 32 bits (length/extra byte | base << 16).
+constexpr unsigned kLongLitPacked = kLongDistSubLen + kLongDistSubEntries;
+constexpr unsigned kLongDistPacked = kLongLitPacked + 2 * 1024;
+constexpr unsigned kLongTableBytes = kLongDistPacked + 4 * 1024;
 
 static_assert(kLongTableBytes <= OZR_INFLATE_TABLE_BYTES);
 static_assert((2u << kShortLitMax) + kShortDistBaseGap + (2u << kShortDistMax) <= OZR_INFLATE_TABLE_BYTES);
@@ -131,11 +136,23 @@ constexpr void put16(Ozr8u* t, unsigned off, unsigned v) {
     t[off + 1] = static_cast<Ozr8u>(v >> 8);
 }
 
+template <bool Dist>
+constexpr void packLongRoot(Ozr8u* t) {
+    for (unsigned i = 0; i < (1u << kRootBits); ++i) {
+        if constexpr (Dist) {
+            put16(t, kLongDistPacked + 4 * i, t[kLongDistLen + i]);
+            put16(t, kLongDistPacked + 4 * i + 2, t[kLongDistBase + 2 * i] | t[kLongDistBase + 2 * i + 1] << 8);
+        } else {
+            put16(t, kLongLitPacked + 2 * i, t[kLongLitKind + i] | t[kLongLitValue + i] << 8);
+        }
+    }
+}
+
 // One alphabet of the long table: the literal/length part (Dist false) or the distance
 // part. Lengths must be 0..15 and form a code the builder accepted. Returns false when
 // the sub-table area would overflow (complete codes of up to 15 bits stay well inside).
 template <bool Dist>
-constexpr bool buildLongAlphabet(const Ozr16u* lens, unsigned n, Ozr8u* t) {
+constexpr bool buildLongAlphabet(const Ozr16u* lens, unsigned n, bool complete, Ozr8u* t) {
     constexpr unsigned rootSize = 1u << kRootBits;
     constexpr unsigned subEntries = Dist ? kLongDistSubEntries : kLongLitSubEntries;
     // Canonical first code per length (RFC 1951).
@@ -146,8 +163,8 @@ constexpr bool buildLongAlphabet(const Ozr16u* lens, unsigned n, Ozr8u* t) {
         c = (c + count[L - 1]) << 1;
         next[L] = c;
     }
-    // Root entries start out invalid.
-    for (unsigned i = 0; i < rootSize; ++i) {
+    // Entries start out invalid, unless the code is complete and covers them all.
+    for (unsigned i = 0; i < rootSize && !complete; ++i) {
         if constexpr (Dist) {
             t[kLongDistLen + i] = kDistInvalid;
             put16(t, kLongDistBase + 2 * i, 0);
@@ -167,14 +184,14 @@ constexpr bool buildLongAlphabet(const Ozr16u* lens, unsigned n, Ozr8u* t) {
         if (subMax[r] < L) subMax[r] = static_cast<Ozr8u>(L);
     }
     unsigned subUsed = 0;
-    unsigned subStart[rootSize] = {};
+    unsigned subStart[rootSize];  // read only where subMax is set
     for (unsigned r = 0; r < rootSize; ++r) {
         if (subMax[r] == 0) continue;
         const unsigned bits = subMax[r] - kRootBits;
         const unsigned size = 1u << bits;
         if (subUsed + size > subEntries) return false;
         subStart[r] = subUsed;
-        for (unsigned j = 0; j < size; ++j) {
+        for (unsigned j = 0; j < size && !complete; ++j) {
             if constexpr (Dist) {
                 t[kLongDistSubLen + subUsed + j] = kDistInvalid;
                 put16(t, kLongDistSubBase + 2 * (subUsed + j), 0);
@@ -230,6 +247,7 @@ constexpr bool buildLongAlphabet(const Ozr16u* lens, unsigned n, Ozr8u* t) {
             }
         }
     }
+    packLongRoot<Dist>(t);
     return true;
 }
 
@@ -242,15 +260,18 @@ constexpr LongTable makeFixedTable() {
     for (unsigned s = 0; s < kNumLitSyms; ++s) lens[s] = s < 144 ? 8 : s < 256 ? 9 : s < 280 ? 7 : 8;
     for (unsigned d = 0; d < 32; ++d) lens[kNumLitSyms + d] = 5;
     // Lit: build all 288, then mark 286/287 (codes 0xC6, 0xC7 in 8 bits).
-    buildLongAlphabet<false>(lens, kNumLitSyms, t.b);
+    buildLongAlphabet<false>(lens, kNumLitSyms, true, t.b);
     for (unsigned c = 0xC6; c <= 0xC7; ++c)
-        for (unsigned i = reverseCode(c, 8); i < (1u << kRootBits); i += 256)
+        for (unsigned i = reverseCode(c, 8); i < (1u << kRootBits); i += 256) {
             t.b[kLongLitKind + i] = static_cast<Ozr8u>(kLitInvalid | 8);
+            put16(t.b, kLongLitPacked + 2 * i, kLitInvalid | 8);
+        }
     // Dist: codes 0..29 from the builder, 30 and 31 invalid with their 5-bit length.
-    buildLongAlphabet<true>(lens + kNumLitSyms, kNumDistSyms, t.b);
+    buildLongAlphabet<true>(lens + kNumLitSyms, kNumDistSyms, false, t.b);
     for (unsigned c = 30; c <= 31; ++c)
         for (unsigned i = reverseCode(c, 5); i < (1u << kRootBits); i += 32)
             t.b[kLongDistLen + i] = static_cast<Ozr8u>(kDistInvalid | 5);
+    packLongRoot<true>(t.b);
     return t;
 }
 

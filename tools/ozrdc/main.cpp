@@ -192,6 +192,9 @@ int main(int argc, char** argv) {
         const Format* fmt = nullptr;
         for (const auto& f : formats())
             if (f.detect(head, n)) fmt = &f;
+        // Formats without a magic (raw Deflate) are known by their file name's extension.
+        for (const auto& f : formats())
+            if (!fmt && dIn.size() > f.extension.size() && dIn.ends_with(f.extension)) fmt = &f;
         if (!fmt) throw ToolError(r.name() + ": not a file of a known format (" + formatNames + ")");
         std::string out = dOut.empty() ? defaultOutput(dIn, fmt->extension, false) : dOut;
         checkOverwrite(out);
