@@ -847,6 +847,8 @@ TEST_F(DeflateTool, GzipFilesAtEveryKindOfLevelAreReadByGzipAndPigz) {
         EXPECT_EQ(readFile(dir / "back"), data);
         ASSERT_EQ(sh("pigz -dc " + gz + " > " + (dir / "back2").string()), 0);
         EXPECT_EQ(readFile(dir / "back2"), data);
+        ASSERT_EQ(sh(std::string(OZRDC_TOOL_PATH) + " decompress -f " + gz + " -o " + (dir / "back3").string()), 0);
+        EXPECT_EQ(readFile(dir / "back3"), data) << "our own reader";
     }
 }
 
