@@ -34,14 +34,21 @@ struct Matcher : History {
     Ozr8u* litDst;
     Ozr16u* distDst;
     Ozr32u written;
+    Ozr32u nextHash = 0;  // hash of position nextPos, computed ahead
+    long nextPos = -1;
 
     // Starts loading the head entry of position p (its 4 bytes lie in the source): the
     // matchers ask for the next position's while they work on this one.
-    void prefetchHead(long p) const { __builtin_prefetch(head + (hash4(at(p)) & hmask), 1); }
+    // The hash is kept for the insertion of that position.
+    void prefetchHead(long p) {
+        nextHash = hash4(at(p)) & hmask;
+        nextPos = p;
+        __builtin_prefetch(head + nextHash, 1);
+    }
 
     // Enters position p (its 4 bytes lie in the source) and returns the old head.
     Ozr32s insert(long p) {
-        const Ozr32u h = hash4(at(p)) & hmask;
+        const Ozr32u h = p == nextPos ? nextHash : hash4(at(p)) & hmask;
         const Ozr32s old = head[h];
         prev[p & wmask] = old;
         head[h] = static_cast<Ozr32s>(p);
