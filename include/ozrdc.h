@@ -149,7 +149,7 @@ OzrResult ozrsAdler32_8u(const Ozr8u* pSrc, Ozr32s len, Ozr32u* pAdler);
  */
 
 /* Bytes of the table area inside OzrInflateState. */
-#define OZR_INFLATE_TABLE_BYTES 13568
+#define OZR_INFLATE_TABLE_BYTES 14592
 
 /* The decoder's state record: allocated by the caller (sizeof), no initialisation
  * call. The caller sets pWindow and winSize (pWindow may be null: no window);

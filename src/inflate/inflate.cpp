@@ -67,7 +67,7 @@ inline unsigned litResolve(const Tables& tb, Ozr64u bits, unsigned e) {
     if constexpr (T == Table::Long) {
         if (((e >> 4) & 15) == kKindLink) {
             const unsigned j = (e >> 8) * 2 + static_cast<unsigned>(lowBits(bits >> kRootBits, (e & 15) - kRootBits));
-            e = tb.t[kLongLitSubKind + j] | tb.t[kLongLitSubValue + j] << 8;
+            e = load16(tb.t + kLongLitSubPacked + 2 * j);
         }
     }
     return e;
