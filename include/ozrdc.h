@@ -370,7 +370,7 @@ OzrResult ozrsDeflateLZ77FastestPrecompHeader_8u(const Ozr8u* pHeader, Ozr32u he
  */
 
 /* Bytes of the table area inside OzrInflateState. */
-#define OZR_INFLATE_TABLE_BYTES 13568
+#define OZR_INFLATE_TABLE_BYTES 14592
 
 /* The decoder's state record: allocated by the caller (sizeof), no initialisation
  * call. The caller sets pWindow and winSize (pWindow may be null: no window);

@@ -12,7 +12,8 @@
 // whole symbols with a 64-bit bit buffer refilled eight bytes at a time and blind
 // 16-byte match copies. It hands back to the step loop for anything it does not
 // finish itself: an invalid code (not consumed, so the step loop meets it again), a
-// match reaching before the output buffer (as step 5), the margins. The bit position
+// match reaching before the output buffer or too long for the room left (as step 5),
+// the margins. The bit position
 // is the same either way, and on return whole bytes that were taken but not consumed
 // are given back, so both loops leave the same counts, bits and bytes.
 #include "inflate_tables.h"
@@ -25,9 +26,11 @@ namespace {
 inline constexpr LongTable kFixedTable = makeFixedTable();
 
 // The fast loop needs 16 input bytes (two eight-byte refills a symbol) and room for
-// three literals or a 258-byte match with its 16-byte overshoot.
+// three literals; a match is copied there only when its blind copy (up to 32 bytes
+// past its end) fits, so that small outputs are not left to the step loop.
 constexpr size_t kFastInMargin = 16;
-constexpr size_t kFastOutMargin = 320;
+constexpr size_t kFastOutMargin = 64;
+constexpr size_t kMatchOvershoot = 32;
 
 enum class Table { Short, Long };
 
@@ -64,7 +67,7 @@ inline unsigned litResolve(const Tables& tb, Ozr64u bits, unsigned e) {
     if constexpr (T == Table::Long) {
         if (((e >> 4) & 15) == kKindLink) {
             const unsigned j = (e >> 8) * 2 + static_cast<unsigned>(lowBits(bits >> kRootBits, (e & 15) - kRootBits));
-            e = tb.t[kLongLitSubKind + j] | tb.t[kLongLitSubValue + j] << 8;
+            e = load16(tb.t + kLongLitSubPacked + 2 * j);
         }
     }
     return e;
@@ -99,7 +102,7 @@ inline bool isLiteral(unsigned e) { return (e & 0xF0) == 0; }
 constexpr Ozr8u kPatternStride[8] = {0, 8, 8, 9, 8, 10, 12, 14};
 
 // Blind copy of a match of n bytes from op - dist (dist >= 1, inside the output);
-// writes up to 29 bytes past op + n (32 bytes for a 3-byte match).
+// writes up to kMatchOvershoot bytes past op + n (29 for a 3-byte match).
 inline void copyMatchWild(Ozr8u* op, size_t dist, size_t n) {
     const Ozr8u* src = op - dist;
     if (dist >= 16) {
@@ -203,7 +206,8 @@ __attribute__((always_inline)) inline FastExit fastLoop(Cursor& c, const Tables&
             consume(d & 15);
             const size_t dist = (d >> 16) + static_cast<size_t>(lowBits(bb, dExtra));
             consume(dExtra);
-            if (__builtin_expect(dist > static_cast<size_t>(op - outBase), 0)) {
+            if (__builtin_expect(dist > static_cast<size_t>(op - outBase) ||
+                                     len + kMatchOvershoot > static_cast<size_t>(outEnd - op), 0)) {
                 mLen = static_cast<Ozr32u>(len);
                 mDist = static_cast<Ozr32u>(dist);
                 ex = FastExit::Match;

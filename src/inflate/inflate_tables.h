@@ -59,7 +59,8 @@ constexpr unsigned kLongDistSubEntries = 256;
 // value << 8), distance as 32 bits (length/extra byte | base << 16).
 constexpr unsigned kLongLitPacked = kLongDistSubLen + kLongDistSubEntries;
 constexpr unsigned kLongDistPacked = kLongLitPacked + 2 * 1024;
-constexpr unsigned kLongTableBytes = kLongDistPacked + 4 * 1024;
+constexpr unsigned kLongLitSubPacked = kLongDistPacked + 4 * 1024;  // and the second level
+constexpr unsigned kLongTableBytes = kLongLitSubPacked + 2 * kLongLitSubEntries;
 
 static_assert(kLongTableBytes <= OZR_INFLATE_TABLE_BYTES);
 static_assert((2u << kShortLitMax) + kShortDistBaseGap + (2u << kShortDistMax) <= OZR_INFLATE_TABLE_BYTES);
@@ -137,7 +138,10 @@ constexpr void put16(Ozr8u* t, unsigned off, unsigned v) {
 }
 
 template <bool Dist>
-constexpr void packLongRoot(Ozr8u* t) {
+constexpr void packLongTables(Ozr8u* t, unsigned subUsed) {
+    if constexpr (!Dist)
+        for (unsigned j = 0; j < subUsed; ++j)
+            put16(t, kLongLitSubPacked + 2 * j, t[kLongLitSubKind + j] | t[kLongLitSubValue + j] << 8);
     for (unsigned i = 0; i < (1u << kRootBits); ++i) {
         if constexpr (Dist) {
             put16(t, kLongDistPacked + 4 * i, t[kLongDistLen + i]);
@@ -247,7 +251,7 @@ constexpr bool buildLongAlphabet(const Ozr16u* lens, unsigned n, bool complete, 
             }
         }
     }
-    packLongRoot<Dist>(t);
+    packLongTables<Dist>(t, subUsed);
     return true;
 }
 
@@ -271,7 +275,7 @@ constexpr LongTable makeFixedTable() {
     for (unsigned c = 30; c <= 31; ++c)
         for (unsigned i = reverseCode(c, 5); i < (1u << kRootBits); i += 32)
             t.b[kLongDistLen + i] = static_cast<Ozr8u>(kDistInvalid | 5);
-    packLongRoot<true>(t.b);
+    packLongTables<true>(t.b, 0);
     return t;
 }
 
