@@ -6,6 +6,9 @@ set(OZRDC_ALL_GROUPS core checksum deflate deflate_fastest inflate lz4 lz4hc lzo
 set(OZRDC_BUILT_GROUPS
   core
   checksum
+  deflate
+  deflate_fastest
+  inflate
   lz4
   lz4hc
   lzo

@@ -130,10 +130,328 @@ OzrResult ozrsCRC32_BZ2_8u(const Ozr8u* pSrc, Ozr32s len, Ozr32u* pCRC);
 OzrResult ozrsAdler32_8u(const Ozr8u* pSrc, Ozr32s len, Ozr32u* pAdler);
 
 /* ==== Deflate encoder ========================================================= */
+/*
+ * The Deflate (RFC 1951) encoder in pieces. The caller owns every table and buffer
+ * and strings the calls together:
+ *
+ *   1. Allocate a window of winSize bytes (a power of two, 256..32768), a hash head
+ *      table of hashSize Ozr32s (a power of two, 256..65536) and a hash previous
+ *      table of winSize Ozr32s; fill both tables with -32768 (the empty mark).
+ *      Optionally prime them with a preset dictionary (ozrsDeflateDictionarySet_8u).
+ *   2. Per block: clear the two frequency tables, call ozrsDeflateLZ77_8u (or a
+ *      matcher directly) over successive pieces of input. Each call turns bytes into
+ *      the intermediate sequence -- two parallel buffers, Ozr8u literal or match
+ *      length - 3, Ozr16u 0 for a literal or the match distance 1..32768 -- and adds
+ *      1 to the frequency of every symbol it emits. Before the next call the caller
+ *      puts the winSize bytes that precede the next unread byte into the window
+ *      (window[winSize - 1] is the byte right before it); a caller that keeps its
+ *      input in one buffer can pass a pointer winSize bytes before that byte.
+ *   3. Build Huffman codes from the counts (remember the end-of-block symbol 256),
+ *      write the block header, call ozrsDeflateHuff_8u over the sequence, then write
+ *      the end-of-block code. Header, body and end code share the caller's pending
+ *      bits (an Ozr16u of bits, lowest first, and their count).
+ *
+ * Positions: every byte has a position in a running 32-bit index space shared by
+ * the hash tables; *pSrcIdx is the position of the next unread byte. A match may
+ * reach back up to winSize - 1 bytes, into this call's source or into the window.
+ * The frequency halves are 16-bit: a block of more than 65535 entries may wrap them.
+ *
+ * Levels 0..29 of ozrsDeflateLZ77_8u: three tunings of the 0..9 scale (the last
+ * digit is the effort; levels 0, 10, 20 emit literals only). Last digit 0..4 runs
+ * the greedy matcher, 5..9 the lazy one. Neither emits a match shorter than 4.
+ *
+ * The one-pass fastest mode (the ...Fastest... functions) matches and writes
+ * Huffman codes in one pass, with no intermediate sequence and no chains: one probe
+ * per position in the hash head table, a greedy match of 4..258 bytes, its codes
+ * written at once through a 64-bit bit buffer. Its codes come from statistics: a
+ * sample of the first block is counted with ozrsDeflateLZ77FastestGetStat_8u, later
+ * blocks take the counts that the coder gathered while writing the block before;
+ * ozrsDeflateLZ77FastestGenHuffTable_8u makes a 15-bit-limited code in which every
+ * symbol has a code (so any data can be coded with it),
+ * ozrsDeflateLZ77FastestGenHeader_8u writes that code's dynamic block header once
+ * into a small buffer, and ozrsDeflateLZ77FastestPrecompHeader_8u
+ * copies the ready header into the stream at the current bit for each block that
+ * reuses it. The fixed code of RFC 1951 (mode 1 of the table generator) is the
+ * fallback for small blocks, whose header is just BFINAL and BTYPE 01 (3 bits).
+ * A stream: per block, counts (GetStat on a sample, or the previous block's) ->
+ * GenHuffTable -> GenHeader -> PrecompHeader -> Fastest (flush 3 on the block's last
+ * piece); after the final block, write out the pending bits as one more byte.
+ *
+ * The tables of the functions below are also the form that ozrsDeflateHuff_8u
+ * takes: the chained matchers' counts may go through GenHuffTable and GenHeader.
+ */
+
+/* A frequency entry: freq is counted by the matchers; code is free for the caller. */
+typedef struct OzrDeflateFreqTable {
+    Ozr16u freq;
+    Ozr16u code;
+} OzrDeflateFreqTable;
+
+/* A code entry: the code already bit-reversed (written lowest bit first as it
+ * stands) and its length in bits, 1..15. */
+typedef struct OzrDeflateHuffCode {
+    Ozr16u code;
+    Ozr16u len;
+} OzrDeflateHuffCode;
+
+/* LZ77 pass at level comprLevel (0..29). Consumes bytes at *ppSrc (advancing
+ * *ppSrc, *pSrcIdx, reducing *pSrcLen), appends one entry per literal or match to
+ * pLitDst / pDistDst (reducing *pDstLen, the free entries of both buffers) and adds
+ * 1 to the frequency of each emitted symbol in pLitFreqTable (286 entries: literals,
+ * 256, length codes 257..285) and pDistFreqTable (30 distance codes); the tables
+ * are never cleared here. flush < 2: the last 261 unread bytes are left for the
+ * next call (matches are never cut by the end of a piece), and so is a lazy match
+ * decision that the next bytes could change; flush >= 2: everything is consumed,
+ * the tail with shorter matches and literals. A call stops early, consistently,
+ * when the free entries run out, and consumes at most 2^30 bytes.
+ * The source index may be rebased (hash entries and *pSrcIdx lowered together,
+ * *pSrcIdx becoming winSize) when positions approach 2^31.
+ * Status: level < 0 or > 29 -> ozrErrSize (checked first); then as
+ * ozrsDeflateLZ77Fast_8u. */
+OzrResult ozrsDeflateLZ77_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx,
+                             const Ozr8u* pWindow, Ozr32u winSize,
+                             Ozr32s* pHashHead, Ozr32s* pHashPrev, Ozr32u hashSize,
+                             OzrDeflateFreqTable pLitFreqTable[286],
+                             OzrDeflateFreqTable pDistFreqTable[30],
+                             Ozr8u* pLitDst, Ozr16u* pDistDst, Ozr32u* pDstLen,
+                             int comprLevel, int flush);
+
+/* The greedy matcher (the longest match found is emitted at once) and the lazy one
+ * (a match is held one byte, and a strictly longer one at the next byte wins), with
+ * the arguments of ozrsDeflateLZ77_8u except that pParams points at the four level
+ * parameters {maxChain, goodLength, niceLength, maxLazy}: chain links followed
+ * (0: literals only), the match length that cuts the chain to a quarter, the length
+ * that ends the search, and (greedy) the longest match whose inner positions are
+ * hashed / (lazy) the length from which no better match is looked for.
+ * Status: any pointer, *ppSrc or pParams null -> ozrErrNullPointer; winSize outside
+ * 256..32768 or hashSize outside 256..65536 -> ozrErrSize; maxChain negative, or
+ * non-zero with another parameter below 4 -> ozrErrBadArgument; else ozrOk. */
+OzrResult ozrsDeflateLZ77Fast_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx,
+                                 const Ozr8u* pWindow, Ozr32u winSize,
+                                 Ozr32s* pHashHead, Ozr32s* pHashPrev, Ozr32u hashSize,
+                                 OzrDeflateFreqTable pLitFreqTable[286],
+                                 OzrDeflateFreqTable pDistFreqTable[30],
+                                 Ozr8u* pLitDst, Ozr16u* pDistDst, Ozr32u* pDstLen,
+                                 const Ozr32u* pParams, int flush);
+OzrResult ozrsDeflateLZ77Slow_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx,
+                                 const Ozr8u* pWindow, Ozr32u winSize,
+                                 Ozr32s* pHashHead, Ozr32s* pHashPrev, Ozr32u hashSize,
+                                 OzrDeflateFreqTable pLitFreqTable[286],
+                                 OzrDeflateFreqTable pDistFreqTable[30],
+                                 Ozr8u* pLitDst, Ozr16u* pDistDst, Ozr32u* pDstLen,
+                                 const Ozr32u* pParams, int flush);
+
+/* Enters the positions srcIdx .. srcIdx + srcLen - 4 (level > 0; 4-byte hash, head
+ * and previous) or srcIdx .. srcIdx + srcLen - 3 (level <= 0; 3-byte rolling hash,
+ * head only) of pSrc into the hash tables, emitting nothing: for data sent as a
+ * stored block or otherwise passed over. Shorter spans do nothing.
+ * Status: pSrc, pHashHeadDst or pHashPrevDst null -> ozrErrNullPointer; winSize or
+ * hashSize out of range -> ozrErrSize; else ozrOk. */
+OzrResult ozrsDeflateUpdateHash_8u(const Ozr8u* pSrc, Ozr32u srcIdx, Ozr32u srcLen,
+                                   Ozr32s* pHashHeadDst, Ozr32u hashSize,
+                                   Ozr32s* pHashPrevDst, Ozr32u winSize, int comprLevel);
+
+/* Preset dictionary: copies the last min(dictLen, winSize) bytes of pDictSrc to the
+ * start of pWindow and, when at least 258 were copied, enters their positions
+ * 0 .. copied - 258 into the hash tables as ozrsDeflateUpdateHash_8u does. The
+ * positions equal the window offsets, so the first ozrsDeflateLZ77_8u call starts
+ * with *pSrcIdx = winSize: use a dictionary of at least winSize bytes (a shorter one
+ * leaves a gap between its end and the data that the distances would count).
+ * A dictionary shorter than 4 bytes (level 0: 3) does nothing.
+ * Status: pDictSrc, pHashHeadDst, pHashPrevDst or pWindow null -> ozrErrNullPointer;
+ * winSize or hashSize out of range -> ozrErrSize; else ozrOk. */
+OzrResult ozrsDeflateDictionarySet_8u(const Ozr8u* pDictSrc, Ozr32u dictLen,
+                                      Ozr32s* pHashHeadDst, Ozr32u hashSize,
+                                      Ozr32s* pHashPrevDst, Ozr8u* pWindow,
+                                      Ozr32u winSize, int comprLevel);
+
+/* Huffman-codes srcLen entries of the intermediate sequence with the caller's codes
+ * (every symbol met must have a length): literal codes, length codes with their
+ * extra bits, distance codes with theirs, LSB first, behind the *pCodeLenBits
+ * (0..16) pending bits in *pCode. Bytes go to pDst from index *pDstIdx on, which is
+ * advanced; the 0..7 bits of the last partial byte are handed back in *pCode and
+ * *pCodeLenBits. Writes no header and no end-of-block code. There is no output
+ * length: the caller provides 6 bytes per entry plus 2 for the pending bits.
+ * Status: any pointer null -> ozrErrNullPointer; else ozrOk. */
+OzrResult ozrsDeflateHuff_8u(const Ozr8u* pLitSrc, const Ozr16u* pDistSrc, Ozr32u srcLen,
+                             Ozr16u* pCode, Ozr32u* pCodeLenBits,
+                             OzrDeflateHuffCode pLitHuffCodes[286],
+                             OzrDeflateHuffCode pDistHuffCodes[30],
+                             Ozr8u* pDst, Ozr32u* pDstIdx);
+
+/* ---- The one-pass fastest mode ---- */
+
+/* Matches and writes Huffman codes in one pass: literals and matches of the bytes at
+ * *ppSrc are coded with pLitCodes / pDistCodes (every symbol must have a code, as
+ * ozrsDeflateLZ77FastestGenHuffTable_8u makes them) behind the *pCodeLenBits
+ * (0..16) pending bits in *pCode, into pDst from byte *pDstIdx on (pDst holds
+ * dstLen bytes). pWindow, winSize, pHashHead, hashSize, *pSrcIdx: as for
+ * ozrsDeflateLZ77_8u (head table only; fill it with -32768 first, and do not share
+ * it with the chained matchers: this mode hashes differently). flush < 2: the last
+ * 261 unread bytes are left for the next call; 2: everything is coded; 3: as 2, then
+ * the end-of-block code. No block header is written. pLitStat / pDistStat (286 and
+ * 30 counts, both given or both null): each written symbol is added to them, the
+ * statistics for the next block's code. On return *ppSrc, *pSrcLen,
+ * *pSrcIdx, *pDstIdx, *pCode and *pCodeLenBits (0..7, or up to 16 when the output
+ * is full) are advanced.
+ * Status: a pointer but the counts, *ppSrc, or one of the counts null ->
+ * ozrErrNullPointer; winSize or hashSize out of range, dstLen 0, *pDstIdx > dstLen or *pCodeLenBits > 16 -> ozrErrSize;
+ * ozrWarnDstSizeLess when fewer than 16 bytes of room stopped it before the input
+ * (and, for flush 3, the end code) was done: call again with more room; else ozrOk. */
+OzrResult ozrsDeflateLZ77Fastest_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx,
+                                    const Ozr8u* pWindow, Ozr32u winSize,
+                                    Ozr32s* pHashHead, Ozr32u hashSize,
+                                    Ozr8u* pDst, Ozr32u dstLen, Ozr32u* pDstIdx,
+                                    Ozr16u* pCode, Ozr32u* pCodeLenBits,
+                                    const OzrDeflateHuffCode pLitCodes[286],
+                                    const OzrDeflateHuffCode pDistCodes[30],
+                                    Ozr32u pLitStat[286], Ozr32u pDistStat[30], int flush);
+
+/* Statistics for the fastest mode's codes: runs its matcher over srcLen bytes at
+ * pSrc (a sample of the block to come, or the previous block), with a hash table of
+ * its own on the stack and no history, and adds 1 per symbol it would write to
+ * pLitStat (286 counts) and pDistStat (30); the counts are not cleared.
+ * Status: a pointer null -> ozrErrNullPointer; srcLen <= 0 -> ozrErrSize; else ozrOk. */
+OzrResult ozrsDeflateLZ77FastestGetStat_8u(const Ozr8u* pSrc, Ozr32s srcLen,
+                                           Ozr32u pLitStat[286], Ozr32u pDistStat[30]);
+
+/* Codes for the fastest mode or ozrsDeflateHuff_8u. mode 0: Huffman codes from the
+ * counts, every count raised by one so that every symbol has a code (the data coded
+ * may differ from the sample), lengths at most 15 bits (the counts are flattened
+ * until the code fits). mode 2: the same from exact counts (the counts of a
+ * chained matcher's block): a symbol counted 0 gets no code, except the
+ * end-of-block symbol, and distance code 0 when no distance was counted. mode 1: the
+ * fixed code of RFC 1951; the counts are not read and may be null.
+ * Status: pLitCodes or pDistCodes null, or (mode 0) a count pointer null ->
+ * ozrErrNullPointer; mode other than 0, 1, 2 -> ozrErrBadArgument; else ozrOk. */
+OzrResult ozrsDeflateLZ77FastestGenHuffTable_8u(const Ozr32u pLitStat[286], const Ozr32u pDistStat[30],
+                                                OzrDeflateHuffCode pLitCodes[286],
+                                                OzrDeflateHuffCode pDistCodes[30], int mode);
+
+/* Writes the dynamic block header (BFINAL 0, BTYPE 10, HLIT, HDIST, HCLEN, the
+ * code-length code and the run-length coded lengths) that describes these codes
+ * into pHeader (headerRoom bytes; 320 always suffice), from bit 0 of byte 0, and
+ * stores its length in bits in *pHeaderBits. Trailing unused symbols are dropped
+ * (at least 257 literal/length and 1 distance lengths are kept).
+ * Status: a pointer null -> ozrErrNullPointer; headerRoom 0 -> ozrErrSize; a length
+ * above 15 or no code for the end-of-block symbol -> ozrErr; the header does not
+ * fit -> ozrWarnDstSizeLess (*pHeaderBits unchanged); else ozrOk. */
+OzrResult ozrsDeflateLZ77FastestGenHeader_8u(const OzrDeflateHuffCode pLitCodes[286],
+                                             const OzrDeflateHuffCode pDistCodes[30],
+                                             Ozr8u* pHeader, Ozr32u headerRoom, Ozr32u* pHeaderBits);
+
+/* Places a ready header (headerBits bits at pHeader, as ozrsDeflateLZ77FastestGenHeader_8u
+ * wrote it) into the stream behind the *pCodeLenBits (0..16) pending bits in *pCode:
+ * bytes go to pDst (dstLen bytes) from *pDstIdx on, the header's first bit (BFINAL)
+ * set to 1 when final is non-zero; the 0..7 bits of the last partial byte come back
+ * in *pCode / *pCodeLenBits. One header serves every block coded with its codes.
+ * Status: a pointer null -> ozrErrNullPointer; headerBits < 3, dstLen 0,
+ * *pCodeLenBits > 16 or *pDstIdx > dstLen -> ozrErrSize; not enough room ->
+ * ozrWarnDstSizeLess with nothing written; else ozrOk. */
+OzrResult ozrsDeflateLZ77FastestPrecompHeader_8u(const Ozr8u* pHeader, Ozr32u headerBits,
+                                                 Ozr8u* pDst, Ozr32u dstLen, Ozr32u* pDstIdx,
+                                                 Ozr16u* pCode, Ozr32u* pCodeLenBits, int final);
 
 
 
 /* ==== Inflate ================================================================= */
+/*
+ * Decoding of RFC 1951 Deflate data, one block at a time. The caller parses the
+ * stream itself: the 3-bit block header, stored blocks (byte-aligned, copied as they
+ * stand) and, for a dynamic block, the code-length code and the literal/length and
+ * distance code lengths. It then
+ *   - for a dynamic block: calls ozrsInflateBuildHuffTable with those lengths, which
+ *     builds the lookup tables inside the caller's OzrInflateState;
+ *   - for a fixed-code block: sets pState->tableType to 0 (a constant table is used);
+ * and calls ozrsInflate_8u, with fresh input or output room each time, until it
+ * reports mode 0 (the end-of-block code was read). The bit buffer (*pCode and its
+ * count *pCodeLenBits) travels between the caller and the decoder: bits are taken
+ * from bit 0 upwards, input bytes are appended above the held bits, low byte first.
+ * After the end of a block the bits still held and the unread input are where the
+ * next block header starts.
+ *
+ * History: a match may reach back into the output already written in the same buffer
+ * (dstIdx bytes before *ppDst, plus what this call writes) and, before that, into
+ * the caller's window: pWindow[0, winIdx) holds the bytes that precede the output
+ * buffer's start, the last of them at pWindow[winIdx - 1].
+ */
+
+/* Bytes of the table area inside OzrInflateState. */
+#define OZR_INFLATE_TABLE_BYTES 14592
+
+/* The decoder's state record: allocated by the caller (sizeof), no initialisation
+ * call. The caller sets pWindow and winSize (pWindow may be null: no window);
+ * ozrsInflateBuildHuffTable fills tableType, litMaxLen, distMaxLen and tableBuffer;
+ * ozrsInflate_8u keeps an interrupted symbol in the four saved words. */
+typedef struct OzrInflateState {
+    const Ozr8u* pWindow;   /* history before the output buffer, or null */
+    Ozr32u winSize;         /* bytes in pWindow */
+    Ozr32u tableType;       /* 0: fixed code, 1: long-code table, 2: short-code table */
+    Ozr32u reserved[2];     /* not used by the library */
+    Ozr32u savedStep;       /* the symbol interrupted by the last call (mode 2) */
+    Ozr32u savedValue;
+    Ozr32u savedAux;
+    Ozr32u savedEntry;
+    Ozr32u litMaxLen;       /* longest literal/length code, in bits */
+    Ozr32u distMaxLen;      /* longest distance code, in bits (0: no distance code) */
+    Ozr8u tableBuffer[OZR_INFLATE_TABLE_BYTES]; /* opaque lookup tables */
+} OzrInflateState;
+
+/* In/out progress of ozrsInflate_8u. On return: 0, the end-of-block code was read
+ * (the block is complete); 1, decoding stopped between two symbols because the input
+ * ran out; 2, decoding stopped inside a symbol (its progress is in the state record).
+ * On entry: 2 resumes the saved symbol; any other value starts at a symbol boundary
+ * (pass 0 or 1 at the start of a block, then what the previous call returned).
+ * The saved step tells a caller what a mode-2 stop waits for: savedStep 5 (a match)
+ * or 6 (a literal) wait for output room; 2 (length extra bits), 3 (distance code) and
+ * 4 (distance extra bits) wait for input, as mode 1 does. */
+typedef Ozr32u OzrInflateMode;
+
+/* Builds the decoding tables of a dynamic block into pState from its code lengths:
+ * pCodeLens holds nLitCodeLens literal/length lengths (at most 288) followed by
+ * nDistCodeLens distance lengths (0..30), each 0 (symbol unused) or 1..15. Both sets
+ * must be complete prefix codes; one code of length 1 is also accepted for either,
+ * and a distance set with no code at all (a block of literals only). Codes up to 11
+ * bits (literal/length) and 10 bits (distance) give the single-level short-code table
+ * (tableType 2), longer ones the two-level long-code table (tableType 1); litMaxLen
+ * and distMaxLen receive the longest lengths. Lengths given to symbols 286 and 287
+ * are accepted and decode as the literal byte 0.
+ * Errors: pCodeLens or pState null -> ozrErrNullPointer; nLitCodeLens > 288 or
+ * nDistCodeLens outside 0..30 -> ozrErrSize; no literal/length code, an over-
+ * subscribed or incomplete set, a length above 15 -> ozrErrHuffTable, with the record
+ * untouched; for the short-code table also fewer than 257 literal/length lengths or
+ * no code for symbol 256 -> ozrErrHuffTable (the maxima are then already stored and
+ * the table area partly written, tableType unchanged). pWindow and winSize are never
+ * touched. */
+OzrResult ozrsInflateBuildHuffTable(const Ozr16u* pCodeLens, Ozr32u nLitCodeLens, Ozr32s nDistCodeLens,
+                                    OzrInflateState* pState);
+
+/* Decodes the Huffman-coded data of one block into *ppDst, up to and including its
+ * end-of-block code, and stops early where input or output runs out, even inside a
+ * symbol (see OzrInflateMode). In/out on every return other than a null-pointer or
+ * size error: *ppSrc and *pSrcLen advance past the input bytes taken into the bit
+ * buffer; *pCode and *pCodeLenBits (at most 32) hold the unconsumed bits; *ppDst
+ * advances past the bytes written and *pDstLen (the room) drops by as many. When the
+ * input runs out, all of it has been taken and the bits held are fewer than the next
+ * field needs. On any other return (end of block, output full, error) whole bytes that
+ * were taken but not consumed are given back, so that fewer than 8 bits are held
+ * unless more were passed in: after the end-of-block code the next block header starts
+ * in *pCode and continues at *ppSrc. A literal or match that finds no room is still
+ * decoded and kept in the state record (mode 2); an end-of-block code is read even
+ * when the output is full. The result does not depend on how input and output are
+ * split between calls.
+ * winIdx: the bytes of history in pWindow (at most winSize). dstIdx: the bytes of
+ * output already in the buffer before *ppDst, which matches may reach into.
+ * Errors: a null pointer argument, *ppSrc or *ppDst null -> ozrErrNullPointer;
+ * *pCodeLenBits > 32 or winIdx > winSize (unsigned) -> ozrErrSize; with nothing
+ * written. A code that no symbol owns, a distance code in a block without distances,
+ * a match reaching before the available history, or a tableType other than 0..2 ->
+ * ozrErrHuffTable, with the in/out values written back as far as decoding got (an
+ * invalid code is not consumed; a match that reaches too far is, with its distance;
+ * the mode is left as it was). Otherwise ozrOk. */
+OzrResult ozrsInflate_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pCode, Ozr32u* pCodeLenBits, Ozr32s winIdx,
+                         Ozr8u** ppDst, Ozr32u* pDstLen, Ozr32s dstIdx, OzrInflateMode* pMode,
+                         OzrInflateState* pState);
 
 
 

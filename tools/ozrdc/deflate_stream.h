@@ -11,4 +11,7 @@ void compressDeflateRaw(Reader& in, Writer& out, const CompressOptions& opts);
 void compressZlib(Reader& in, Writer& out, const CompressOptions& opts);
 void compressGzip(Reader& in, Writer& out, const CompressOptions& opts);
 
+// The raw writer from memory to memory (the benchmark's entry; the same code path).
+void deflateRawInMemory(const uint8_t* src, size_t n, std::vector<uint8_t>& dst, const CompressOptions& opts);
+
 }  // namespace ozrdc_tool

@@ -114,6 +114,9 @@ void convertOne(const Settings& s, const std::string& inPath) {
         fmt = nullptr;
         for (const auto& f : formats())
             if (f.detect(head, n)) fmt = &f;
+        // Formats without a magic (raw Deflate) are known by their file name's extension.
+        for (const auto& f : formats())
+            if (!fmt && named && endsWith(inPath, f.extension) && inPath.size() > f.extension.size()) fmt = &f;
         if (!fmt) throw ToolError(inName + ": not a file of a known format (" + formatNames() + ")");
     }
 

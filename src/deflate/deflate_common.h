@@ -1,0 +1,142 @@
+// Pieces shared by the Deflate matchers, hash insertion and the Huffman coders: the
+// RFC 1951 length and distance code tables (generated from their base/extra rule),
+// the randVec hash, the caller-table layout and the unaligned loads.
+#pragma once
+
+#include "m7.h"
+
+namespace m7::deflate {
+
+constexpr int kMinMatch = 4;        // neither matcher emits a 3-byte match
+constexpr int kMaxMatch = 258;
+constexpr int kLookahead = 261;     // a longest match plus the 3 bytes hashed beyond it
+constexpr Ozr32s kEmpty = -32768;   // hash-table mark: no position
+constexpr int kLitSyms = 286;
+constexpr int kDistSyms = 30;
+
+inline Ozr16u load16(const Ozr8u* p) { Ozr16u v; __builtin_memcpy(&v, p, 2); return v; }
+inline Ozr32u load32(const Ozr8u* p) { Ozr32u v; __builtin_memcpy(&v, p, 4); return v; }
+inline Ozr64u load64(const Ozr8u* p) { Ozr64u v; __builtin_memcpy(&v, p, 8); return v; }
+inline void store64(Ozr8u* p, Ozr64u v) { __builtin_memcpy(p, &v, 8); }
+
+// ---- RFC 1951 length and distance codes ----------------------------------------
+// Length code c (symbol 257 + c) covers lengths base .. base + 2^extra - 1; the bases
+// follow from the extra-bit counts (0 x8, 1 x4, 2 x4, 3 x4, 4 x4, 5 x4), except that
+// length 258 has a code of its own (28, no extra bits).
+struct CodeTables {
+    Ozr8u litExtra[29];    // extra bits per length code
+    Ozr16u litBase[29];    // base of length - 3
+    Ozr8u distExtra[30];   // extra bits per distance code
+    Ozr16u distBase[30];   // base of distance - 1
+    // [n] the length code of length n + 3; [256 + n] the distance code of distance
+    // n + 1; [512 + n] (n >= 2) the code of distances 128n + 1 .. 128n + 128.
+    Ozr8u litCode[768];
+};
+
+constexpr CodeTables makeCodeTables() {
+    CodeTables t{};
+    int base = 0;
+    for (int c = 0; c < 28; ++c) {
+        const int extra = c < 8 ? 0 : (c - 4) / 4;
+        t.litExtra[c] = static_cast<Ozr8u>(extra);
+        t.litBase[c] = static_cast<Ozr16u>(base);
+        for (int k = 0; k < (1 << extra) && base + k < 255; ++k) t.litCode[base + k] = static_cast<Ozr8u>(c);
+        base += 1 << extra;
+    }
+    t.litExtra[28] = 0;
+    t.litBase[28] = 255;
+    t.litCode[255] = 28;
+    // Distance code k: extra bits max(0, k/2 - 1), bases 1, 2, 3, 4, 5, 7, 9, ...
+    int dbase = 0;
+    for (int k = 0; k < 30; ++k) {
+        const int extra = k < 2 ? 0 : k / 2 - 1;
+        t.distExtra[k] = static_cast<Ozr8u>(extra);
+        t.distBase[k] = static_cast<Ozr16u>(dbase);
+        for (int e = dbase; e < dbase + (1 << extra); ++e) {
+            if (e < 256) t.litCode[256 + e] = static_cast<Ozr8u>(k);
+            else t.litCode[512 + (e >> 7)] = static_cast<Ozr8u>(k);
+        }
+        dbase += 1 << extra;
+    }
+    return t;
+}
+
+inline constexpr CodeTables kCodes = makeCodeTables();
+static_assert(kCodes.litCode[0] == 0 && kCodes.litCode[7] == 7 && kCodes.litCode[8] == 8 &&
+              kCodes.litCode[254] == 27 && kCodes.litCode[255] == 28);
+static_assert(kCodes.litBase[27] == 224 && kCodes.distBase[29] == 24576);
+static_assert(kCodes.litCode[256 + 255] == 15 && kCodes.litCode[512 + 2] == 16 && kCodes.litCode[512 + 255] == 29);
+
+inline int lenCode(int lenMinus3) { return kCodes.litCode[lenMinus3]; }
+inline int distCode(int distMinus1) {
+    return distMinus1 < 256 ? kCodes.litCode[256 + distMinus1] : kCodes.litCode[512 + (distMinus1 >> 7)];
+}
+
+// ---- The randVec hash ------------------------------------------------------------
+// Four sub-tables of 256 15-bit values: h = T0[b0] ^ T1[b1] ^ T2[b2] ^ T3[b3]. The
+// values come from a fixed splitmix64 sequence; any fixed 15-bit set gives valid
+// output, the values only decide which matches the chains reach.
+struct RandVec {
+    Ozr16u t[4][256];
+};
+
+constexpr RandVec makeRandVec() {
+    RandVec r{};
+    Ozr64u s = 0x6F7A7264636465ull;
+    for (int k = 0; k < 4; ++k)
+        for (int i = 0; i < 256; ++i) {
+            s += 0x9E3779B97F4A7C15ull;
+            Ozr64u z = s;
+            z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+            z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+            z ^= z >> 31;
+            r.t[k][i] = static_cast<Ozr16u>(z >> 49);
+        }
+    return r;
+}
+
+inline constexpr RandVec randVec = makeRandVec();
+
+inline Ozr32u hash4(const Ozr8u* p) {
+    const Ozr32u w = load32(p);
+    return randVec.t[0][w & 0xFF] ^ randVec.t[1][(w >> 8) & 0xFF] ^ randVec.t[2][(w >> 16) & 0xFF] ^
+           randVec.t[3][w >> 24];
+}
+
+inline bool winSizeOk(Ozr32u w) { return w >= 256 && w <= 32768; }
+inline bool hashSizeOk(Ozr32u h) { return h >= 256 && h <= 65536; }
+
+// Count of equal leading bytes of a and b, at most n (reads nothing beyond n).
+__attribute__((always_inline)) inline int commonLength(const Ozr8u* a, const Ozr8u* b, int n) {
+    int i = 0;
+    for (; i + 8 <= n; i += 8) {
+        const Ozr64u x = load64(a + i) ^ load64(b + i);
+        if (x) return i + static_cast<int>(m7::trailingZeros64(x) >> 3);
+    }
+    for (; i < n && a[i] == b[i]; ++i) {}
+    return i;
+}
+
+// The bytes behind the matchers: position q is src[q - start] when q >= start (this
+// call's source), else window[q - start + wsize] (the winSize bytes before it).
+struct History {
+    const Ozr8u* src;
+    const Ozr8u* win;
+    long start;
+    long wsize;
+
+    const Ozr8u* at(long q) const { return src + (q - start); }
+
+    // Common length of the bytes at p (source) and at candidate q < p, at most maxLen;
+    // a candidate in the window may run on into the source.
+    __attribute__((always_inline)) int length(long p, long q, int maxLen) const {
+        if (q >= start) return commonLength(at(p), at(q), maxLen);
+        const long inWin = start - q;
+        const int first = inWin < maxLen ? static_cast<int>(inWin) : maxLen;
+        int n = commonLength(at(p), win + (q - start + wsize), first);
+        if (n == first && n < maxLen) n += commonLength(at(p) + n, src, maxLen - n);
+        return n;
+    }
+};
+
+}  // namespace m7::deflate

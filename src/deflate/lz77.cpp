@@ -1,0 +1,378 @@
+// Deflate LZ77: the level dispatch, the caller-owned hash tables (insertion, index
+// rebasing, preset dictionary) and the one matcher core behind the greedy
+// (ozrsDeflateLZ77Fast_8u) and lazy (ozrsDeflateLZ77Slow_8u) passes.
+//
+// Positions: the byte at position q is this call's src[q - start] when q >= start
+// (start = the source index on entry), else window[q - start + winSize]; a candidate
+// is usable while p - winSize < q < p. The head table holds the latest position per
+// hash, the previous table (indexed by position mod winSize) the chain link.
+#include "deflate_common.h"
+
+namespace m7::deflate {
+namespace {
+
+// The level table: {maxChain, goodLength, niceLength, maxLazy} per level 0..29. Three
+// tunings of the 0..9 scale, kept as they are, irregular rows included.
+constexpr Ozr32u kLevels[30][4] = {
+    {0, 0, 0, 0},       {4, 8, 8, 8},       {4, 16, 16, 9},     {4, 16, 16, 12},   {48, 32, 32, 16},
+    {32, 8, 32, 16},    {128, 8, 256, 16},  {144, 8, 256, 16},  {192, 32, 258, 128}, {256, 32, 258, 258},
+    {0, 0, 0, 0},       {3, 7, 8, 258},     {3, 8, 16, 258},    {5, 8, 16, 258},   {16, 32, 32, 258},
+    {24, 6, 32, 16},    {120, 7, 256, 16},  {140, 7, 256, 16},  {192, 32, 258, 128}, {512, 32, 258, 258},
+    {0, 0, 0, 0},       {4, 8, 8, 258},     {4, 16, 16, 258},   {4, 16, 16, 258},  {16, 32, 32, 258},
+    {32, 8, 32, 16},    {128, 8, 256, 16},  {144, 8, 256, 16},  {192, 32, 258, 128}, {512, 32, 258, 258},
+};
+
+constexpr Ozr32u kMaxPerCall = 1u << 30;  // keeps positions below 2^31 after rebasing
+
+struct Matcher : History {
+    Ozr32u wmask;
+    Ozr32s* head;
+    Ozr32s* prev;
+    Ozr32u hmask;
+    OzrDeflateFreqTable* litFreq;
+    OzrDeflateFreqTable* distFreq;
+    Ozr8u* litDst;
+    Ozr16u* distDst;
+    Ozr32u written;
+    Ozr32u nextHash = 0;  // hash of position nextPos, computed ahead
+    long nextPos = -1;
+
+    // Starts loading the head entry of position p (its 4 bytes lie in the source): the
+    // matchers ask for the next position's while they work on this one.
+    // The hash is kept for the insertion of that position.
+    void prefetchHead(long p) {
+        nextHash = hash4(at(p)) & hmask;
+        nextPos = p;
+        __builtin_prefetch(head + nextHash, 1);
+    }
+
+    // Enters position p (its 4 bytes lie in the source) and returns the old head.
+    Ozr32s insert(long p) {
+        const Ozr32u h = p == nextPos ? nextHash : hash4(at(p)) & hmask;
+        const Ozr32s old = head[h];
+        prev[p & wmask] = old;
+        head[h] = static_cast<Ozr32s>(p);
+        return old;
+    }
+    void insertRange(long from, long to) {  // positions from .. to - 1
+        for (long q = from; q < to; ++q) insert(q);
+    }
+    // Takes position p back out of the chains; positions must be removed newest first.
+    void remove(long p) { head[hash4(at(p)) & hmask] = prev[p & wmask]; }
+
+    // Walks the chain from cand; best is the length to beat (only a strictly longer
+    // match replaces it, so ties keep the nearer candidate). Greedy: a match reaching
+    // goodLength cuts the remaining chain to a quarter, once.
+    template <bool CutOnGood>
+    int search(long p, long cand, int best, Ozr32u limit, Ozr32u maxChain, int good, int nice, int maxLen,
+               long* matchPos) const {
+        // Locals for the chain walk, whose cost is the latency of each link: keep the
+        // loop's state in registers.
+        const long low = p - wsize, first = start;
+        const Ozr32s* const links = prev;
+        const Ozr32u mask = wmask;
+        const Ozr8u* const base = src - start;  // base + q is position q in the source
+        const Ozr8u* const pp = base + p;
+        Ozr32u tail = load32(pp + best - 3);    // the 4 bytes a longer match must repeat
+        bool cut = false;
+        for (Ozr32u steps = 1; cand > low && cand < p; ++steps) {
+            const long next = links[cand & mask];
+            if (cand < first || load32(base + cand + best - 3) == tail) {
+                const int len = length(p, cand, maxLen);
+                if (len > best) {
+                    best = len;
+                    *matchPos = cand;
+                    if (best >= nice) break;
+                    tail = load32(pp + best - 3);
+                    if constexpr (CutOnGood) {
+                        if (best >= good && !cut) {
+                            cut = true;
+                            limit = maxChain / 4;
+                        }
+                    }
+                }
+            }
+            if (steps >= limit) break;
+            cand = next;
+        }
+        return best;
+    }
+
+    void literal(Ozr8u b) {
+        litDst[written] = b;
+        distDst[written] = 0;
+        ++written;
+        ++litFreq[b].freq;
+    }
+    void match(int len, long dist) {
+        litDst[written] = static_cast<Ozr8u>(len - 3);
+        distDst[written] = static_cast<Ozr16u>(dist);
+        ++written;
+        ++litFreq[257 + lenCode(len - 3)].freq;
+        ++distFreq[distCode(static_cast<int>(dist - 1))].freq;
+    }
+    void unLiteral() {
+        --written;
+        --litFreq[litDst[written]].freq;
+    }
+};
+
+// Lowers every hash entry by d; entries at or below the empty mark stay empty.
+void rebase(Ozr32s* t, Ozr32u n, Ozr32s d) {
+    for (Ozr32u i = 0; i < n; ++i) {
+        Ozr32s v = t[i] < -32767 ? -32767 : t[i];
+        const Ozr64s r = static_cast<Ozr64s>(v) - d;
+        t[i] = r < -32767 ? kEmpty : static_cast<Ozr32s>(r);
+    }
+}
+
+struct Params {
+    Ozr32u maxChain;
+    int good, nice, maxLazy;
+};
+
+// The greedy pass. Main phase: every match may be 258 long; tail (flush >= 2): matches
+// stop 3 bytes before the end, no goodLength cut; then literals.
+void runGreedy(Matcher& m, long& p, long e, Ozr32u freeEntries, Params prm, bool flushAll) {
+    long mainEnd = e - kLookahead;
+    if (flushAll && p == mainEnd) {
+        mainEnd += 1;
+        if (prm.maxLazy > 257) prm.maxLazy = 257;
+    }
+    for (int phase = 0; phase < 2; ++phase) {
+        const bool tail = phase == 1;
+        if (tail && !flushAll) return;
+        const long end = tail ? e - 3 : mainEnd;
+        while (p < end && m.written < freeEntries) {
+            const long cand = m.insert(p);
+            if (p + 1 < end) m.prefetchHead(p + 1);
+            const int maxLen = tail ? (e - 3 - p < kMaxMatch ? static_cast<int>(e - 3 - p) : kMaxMatch) : kMaxMatch;
+            long pos = 0;
+            const int best = tail ? m.search<false>(p, cand, 3, prm.maxChain, prm.maxChain, prm.good, prm.nice, maxLen, &pos)
+                                  : m.search<true>(p, cand, 3, prm.maxChain, prm.maxChain, prm.good, prm.nice, maxLen, &pos);
+            if (best >= kMinMatch) {
+                m.match(best, p - pos);
+                if (best <= prm.maxLazy) m.insertRange(p + 1, p + best);
+                p += best;
+            } else {
+                m.literal(*m.at(p));
+                p += 1;
+            }
+        }
+    }
+    while (p < e && m.written < freeEntries) {
+        m.literal(*m.at(p));
+        p += 1;
+    }
+}
+
+// The lazy pass. The item of the previous position is pending as (P, D, B): P = 0
+// nothing, 3 the byte B as a literal, >= 4 a match of length P at distance D.
+void runLazy(Matcher& m, long& p, long e, Ozr32u freeEntries, const Params prm, bool flushAll) {
+    if (freeEntries < 2) return;
+    const Ozr32u room = freeEntries - 1;  // one entry stays for the pending item
+    int P = 0;
+    long D = 0;
+    Ozr8u B = 0;
+    // The last position entered with nothing but a literal pending: a call that stops
+    // before the end backs up to it, so that the next call decides from there exactly
+    // as one call over all the data would.
+    long cleanPos = p;
+    Ozr32u cleanWritten = m.written;
+    bool stoppedByRoom = false;
+    for (int phase = 0; phase < 2; ++phase) {
+        const bool tail = phase == 1;
+        if (tail && (!flushAll || stoppedByRoom)) break;
+        const long end = tail ? e - 3 : e - kLookahead;
+        while (p < end) {
+            if (m.written >= room) {
+                stoppedByRoom = true;
+                break;
+            }
+            if (P == 0 || P == 3) {
+                cleanPos = p;
+                cleanWritten = m.written + (P == 3);
+            }
+            const long cand = m.insert(p);
+            if (p + 1 < end) m.prefetchHead(p + 1);
+            int best = P;
+            long pos = 0;
+            if (P < prm.maxLazy) {
+                const int maxLen = tail ? (e - 3 - p < kMaxMatch ? static_cast<int>(e - 3 - p) : kMaxMatch) : kMaxMatch;
+                const Ozr32u limit = P < prm.good ? prm.maxChain : prm.maxChain / 4;
+                best = m.search<false>(p, cand, P > 3 ? P : 3, limit, prm.maxChain, prm.good, prm.nice, maxLen, &pos);
+            }
+            if (P > 1) {
+                if (P < best || P < kMinMatch) {
+                    m.literal(B);
+                } else {
+                    m.match(P, D);
+                    m.insertRange(p + 1, p + P - 1);
+                    p += P - 2;
+                    best = 0;
+                }
+            }
+            if (best >= kMinMatch) D = p - pos;
+            P = best;
+            B = *m.at(p);
+            p += 1;
+        }
+    }
+    if (P >= kMinMatch && !flushAll && !stoppedByRoom) {
+        // Back up: drop the literals written since the clean point and take the
+        // positions entered since then out of the chains.
+        while (m.written > cleanWritten) m.unLiteral();
+        for (long q = p - 1; q >= cleanPos; --q) m.remove(q);
+        p = cleanPos;
+        return;
+    }
+    if (P >= kMinMatch) {
+        m.match(P, D);
+        const long last = p - 1 + P;  // first byte after the match
+        const long hashEnd = last < e - 3 ? last : e - 3;
+        m.insertRange(p, hashEnd);
+        p = last;
+    } else if (P == 3) {
+        m.literal(B);
+    }
+    if (stoppedByRoom) return;
+    if (flushAll)
+        while (p < e && m.written < freeEntries) {
+            m.literal(*m.at(p));
+            p += 1;
+        }
+}
+
+template <bool Lazy>
+OzrResult lz77(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx, const Ozr8u* pWindow, Ozr32u winSize,
+               Ozr32s* pHashHead, Ozr32s* pHashPrev, Ozr32u hashSize, OzrDeflateFreqTable* pLitFreq,
+               OzrDeflateFreqTable* pDistFreq, Ozr8u* pLitDst, Ozr16u* pDistDst, Ozr32u* pDstLen,
+               const Ozr32u* pParams, int flush) {
+    OZR_CHECK_NULL(ppSrc, pSrcLen, pSrcIdx, pWindow, pHashHead, pHashPrev, pLitFreq, pDistFreq, pLitDst, pDistDst, pDstLen);
+    OZR_CHECK_NULL(*ppSrc, pParams);
+    if (!winSizeOk(winSize) || !hashSizeOk(hashSize)) return ozrErrSize;
+    const Ozr32u maxChain = pParams[0];
+    if (static_cast<Ozr32s>(maxChain) < 0) return ozrErrBadArgument;
+    if (maxChain != 0 && (pParams[1] < 4 || pParams[2] < 4 || pParams[3] < 4)) return ozrErrBadArgument;
+
+    Ozr32u count = *pSrcLen;
+    bool flushAll = flush >= 2;
+    if (count > kMaxPerCall) {
+        count = kMaxPerCall;
+        flushAll = false;
+    }
+    Ozr32u idx = *pSrcIdx;
+    if (static_cast<Ozr64u>(idx) + winSize + 2ull * count >= 0x7FFFFFFFull && idx > winSize) {
+        const Ozr32s d = static_cast<Ozr32s>(idx - winSize);
+        rebase(pHashHead, hashSize, d);
+        if (maxChain > 0) rebase(pHashPrev, winSize, d);
+        idx = winSize;
+    }
+
+    Matcher m{{*ppSrc, pWindow, static_cast<long>(idx), static_cast<long>(winSize)}, winSize - 1, pHashHead, pHashPrev,
+              hashSize - 1, pLitFreq, pDistFreq, pLitDst, pDistDst, 0};
+    const Ozr32u freeEntries = *pDstLen;
+    long p = idx;
+    const long e = static_cast<long>(idx) + count;
+    if (maxChain == 0) {
+        while (p < e && m.written < freeEntries) {
+            m.literal(*m.at(p));
+            p += 1;
+        }
+    } else {
+        const auto clampParam = [](Ozr32u v) { return v > 65536 ? 65536 : static_cast<int>(v); };
+        const Params prm{maxChain, clampParam(pParams[1]), clampParam(pParams[2]), clampParam(pParams[3])};
+        if constexpr (Lazy) runLazy(m, p, e, freeEntries, prm, flushAll);
+        else runGreedy(m, p, e, freeEntries, prm, flushAll);
+    }
+    const Ozr32u consumed = static_cast<Ozr32u>(p - static_cast<long>(idx));
+    *ppSrc += consumed;
+    *pSrcLen -= consumed;
+    *pSrcIdx = idx + consumed;
+    *pDstLen -= m.written;
+    return ozrOk;
+}
+
+// Enters positions 0 .. n - 1 of src (as positions base + i) into the tables.
+void enterPositions(const Ozr8u* src, Ozr32u base, Ozr32u n, Ozr32s* head, Ozr32u hashSize, Ozr32s* prev,
+                    Ozr32u winSize, int level) {
+    const Ozr32u hmask = hashSize - 1, wmask = winSize - 1;
+    if (level > 0) {
+        for (Ozr32u i = 0; i < n; ++i) {
+            const Ozr32u h = hash4(src + i) & hmask;
+            const Ozr32u q = base + i;
+            prev[q & wmask] = head[h];
+            head[h] = static_cast<Ozr32s>(q);
+        }
+        return;
+    }
+    // Level 0: the 3-byte rolling hash, heads only.
+    Ozr32u h = src[0];
+    h = ((h << 5) ^ src[1]) & hmask;
+    for (Ozr32u i = 0; i < n; ++i) {
+        h = ((h << 5) ^ src[i + 2]) & hmask;
+        head[h] = static_cast<Ozr32s>(base + i);
+    }
+}
+
+}  // namespace
+}  // namespace m7::deflate
+
+using namespace m7::deflate;
+
+extern "C" {
+
+OzrResult m7_ozrsDeflateLZ77Fast_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx, const Ozr8u* pWindow,
+                                    Ozr32u winSize, Ozr32s* pHashHead, Ozr32s* pHashPrev, Ozr32u hashSize,
+                                    OzrDeflateFreqTable pLitFreqTable[286], OzrDeflateFreqTable pDistFreqTable[30],
+                                    Ozr8u* pLitDst, Ozr16u* pDistDst, Ozr32u* pDstLen, const Ozr32u* pParams,
+                                    int flush) {
+    return lz77<false>(ppSrc, pSrcLen, pSrcIdx, pWindow, winSize, pHashHead, pHashPrev, hashSize, pLitFreqTable,
+                       pDistFreqTable, pLitDst, pDistDst, pDstLen, pParams, flush);
+}
+
+OzrResult m7_ozrsDeflateLZ77Slow_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx, const Ozr8u* pWindow,
+                                    Ozr32u winSize, Ozr32s* pHashHead, Ozr32s* pHashPrev, Ozr32u hashSize,
+                                    OzrDeflateFreqTable pLitFreqTable[286], OzrDeflateFreqTable pDistFreqTable[30],
+                                    Ozr8u* pLitDst, Ozr16u* pDistDst, Ozr32u* pDstLen, const Ozr32u* pParams,
+                                    int flush) {
+    return lz77<true>(ppSrc, pSrcLen, pSrcIdx, pWindow, winSize, pHashHead, pHashPrev, hashSize, pLitFreqTable,
+                      pDistFreqTable, pLitDst, pDistDst, pDstLen, pParams, flush);
+}
+
+OzrResult m7_ozrsDeflateLZ77_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx, const Ozr8u* pWindow,
+                                Ozr32u winSize, Ozr32s* pHashHead, Ozr32s* pHashPrev, Ozr32u hashSize,
+                                OzrDeflateFreqTable pLitFreqTable[286], OzrDeflateFreqTable pDistFreqTable[30],
+                                Ozr8u* pLitDst, Ozr16u* pDistDst, Ozr32u* pDstLen, int comprLevel, int flush) {
+    if (comprLevel < 0 || comprLevel > 29) return ozrErrSize;
+    Ozr32u params[4];
+    for (int i = 0; i < 4; ++i) params[i] = kLevels[comprLevel][i];
+    const auto matcher = comprLevel % 10 > 4 ? m7_ozrsDeflateLZ77Slow_8u : m7_ozrsDeflateLZ77Fast_8u;
+    return matcher(ppSrc, pSrcLen, pSrcIdx, pWindow, winSize, pHashHead, pHashPrev, hashSize, pLitFreqTable,
+                   pDistFreqTable, pLitDst, pDistDst, pDstLen, params, flush);
+}
+
+OzrResult m7_ozrsDeflateUpdateHash_8u(const Ozr8u* pSrc, Ozr32u srcIdx, Ozr32u srcLen, Ozr32s* pHashHeadDst,
+                                      Ozr32u hashSize, Ozr32s* pHashPrevDst, Ozr32u winSize, int comprLevel) {
+    OZR_CHECK_NULL(pSrc, pHashHeadDst, pHashPrevDst);
+    if (!winSizeOk(winSize) || !hashSizeOk(hashSize)) return ozrErrSize;
+    const Ozr32u span = comprLevel > 0 ? 4 : 3;
+    if (srcLen < span) return ozrOk;
+    enterPositions(pSrc, srcIdx, srcLen - (span - 1), pHashHeadDst, hashSize, pHashPrevDst, winSize, comprLevel);
+    return ozrOk;
+}
+
+OzrResult m7_ozrsDeflateDictionarySet_8u(const Ozr8u* pDictSrc, Ozr32u dictLen, Ozr32s* pHashHeadDst,
+                                         Ozr32u hashSize, Ozr32s* pHashPrevDst, Ozr8u* pWindow, Ozr32u winSize,
+                                         int comprLevel) {
+    OZR_CHECK_NULL(pDictSrc, pHashHeadDst, pHashPrevDst, pWindow);
+    if (!winSizeOk(winSize) || !hashSizeOk(hashSize)) return ozrErrSize;
+    if (dictLen < (comprLevel != 0 ? 4u : 3u)) return ozrOk;
+    const Ozr32u n = dictLen < winSize ? dictLen : winSize;
+    m7_ownsCopy_8u(pDictSrc + (dictLen - n), pWindow, n);
+    if (n < 258) return ozrOk;
+    enterPositions(pWindow, 0, n - 257, pHashHeadDst, hashSize, pHashPrevDst, winSize, comprLevel);
+    return ozrOk;
+}
+
+}  // extern "C"
