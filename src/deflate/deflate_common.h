@@ -3,6 +3,7 @@
 // the randVec hash, the caller-table layout and the unaligned loads.
 #pragma once
 
+#include "hash_rows.h"
 #include "m7.h"
 
 namespace m7::deflate {
@@ -74,33 +75,15 @@ inline int distCode(int distMinus1) {
 
 // ---- The randVec hash ------------------------------------------------------------
 // Four sub-tables of 256 15-bit values: h = T0[b0] ^ T1[b1] ^ T2[b2] ^ T3[b3]. The
-// values come from a fixed splitmix64 sequence; any fixed 15-bit set gives valid
-// output, the values only decide which matches the chains reach.
-struct RandVec {
-    Ozr16u t[4][256];
-};
-
-constexpr RandVec makeRandVec() {
-    RandVec r{};
-    Ozr64u s = 0x6F7A7264636465ull;
-    for (int k = 0; k < 4; ++k)
-        for (int i = 0; i < 256; ++i) {
-            s += 0x9E3779B97F4A7C15ull;
-            Ozr64u z = s;
-            z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-            z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-            z ^= z >> 31;
-            r.t[k][i] = static_cast<Ozr16u>(z >> 49);
-        }
-    return r;
-}
-
-inline constexpr RandVec randVec = makeRandVec();
+// values are fixed hash rows (top 15 bits of a SplitMix64 sequence from a fixed
+// seed); any fixed 15-bit set gives valid output, the values only decide which
+// matches the chains reach.
+inline constexpr auto randVec = m7::makeHashRows<Ozr16u, 4, 15>(0x6F7A7264636465ull);
 
 inline Ozr32u hash4(const Ozr8u* p) {
     const Ozr32u w = load32(p);
-    return randVec.t[0][w & 0xFF] ^ randVec.t[1][(w >> 8) & 0xFF] ^ randVec.t[2][(w >> 16) & 0xFF] ^
-           randVec.t[3][w >> 24];
+    return randVec.v[w & 0xFF] ^ randVec.v[256 + ((w >> 8) & 0xFF)] ^ randVec.v[512 + ((w >> 16) & 0xFF)] ^
+           randVec.v[768 + (w >> 24)];
 }
 
 inline bool winSizeOk(Ozr32u w) { return w >= 256 && w <= 32768; }

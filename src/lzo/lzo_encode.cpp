@@ -14,6 +14,7 @@
 // case of the whole input (then the checks are compiled out).
 #include <emmintrin.h>
 
+#include "hash_rows.h"
 #include "lzo_internal.h"
 
 namespace m7 {
@@ -36,24 +37,8 @@ static_assert(kSegment - 1 == kMaxDistance, "a segment's distances fit M4");
 
 // randVec: the default coder's hash rows, four rows of 256 16-bit values, one row per
 // byte of the hashed word. Only their spread matters (the decoder never sees them), so
-// they are drawn from a fixed-seed SplitMix64 sequence, top 16 bits of each output.
-struct RandRows {
-    Ozr16u v[1024];
-};
-constexpr RandRows makeRandVec() {
-    RandRows r{};
-    Ozr64u s = 0x4C5A4F31u;  // fixed seed
-    for (int i = 0; i < 1024; ++i) {
-        s += 0x9E3779B97F4A7C15ull;
-        Ozr64u z = s;
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-        z ^= z >> 31;
-        r.v[i] = Ozr16u(z >> 48);
-    }
-    return r;
-}
-constexpr RandRows randVec = makeRandVec();
+// they are fixed hash rows (top 16 bits of a SplitMix64 sequence from a fixed seed).
+constexpr auto randVec = m7::makeHashRows<Ozr16u, 4, 16>(0x4C5A4F31u);
 
 inline size_t hashDefault(const Ozr8u* p) {
     return (randVec.v[p[0]] ^ randVec.v[256 + p[1]] ^ randVec.v[512 + p[2]] ^ randVec.v[768 + p[3]]) & 0x3FFF;

@@ -26,6 +26,7 @@
 // each token. The call stops after the token that leaves no room, so that each return
 // has fewer than 8 bits pending unless the output is full; the caller's next call
 // with the unconsumed input then continues exactly the stream a roomier call gives.
+#include "hash_rows.h"
 #include "lzss_common.h"
 
 namespace m7::lzss {
@@ -44,25 +45,9 @@ constexpr size_t kSlice = size_t{1} << 28;  // positions between two rebase chec
 
 // randVecLZSS: three rows of 256 values in 0..32767, one row per byte of the hashed
 // triple. Only their spread matters to the stream's correctness, but they decide which
-// positions share a chain, so they are fixed: a SplitMix64 sequence from a fixed seed,
-// top 15 bits of each output.
-struct RandRows {
-    Ozr16s v[768];
-};
-constexpr RandRows makeRandVec() {
-    RandRows r{};
-    Ozr64u s = 0x4C5A5353u;  // fixed seed
-    for (int i = 0; i < 768; ++i) {
-        s += 0x9E3779B97F4A7C15ull;
-        Ozr64u z = s;
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-        z ^= z >> 31;
-        r.v[i] = Ozr16s(z >> 49);
-    }
-    return r;
-}
-constexpr RandRows randVecLZSS = makeRandVec();
+// positions share a chain, so they are fixed hash rows (top 15 bits of a SplitMix64
+// sequence from a fixed seed).
+constexpr auto randVecLZSS = m7::makeHashRows<Ozr16s, 3, 15>(0x4C5A5353u);
 
 inline Ozr32u hash3(const Ozr8u* p) {
     return Ozr32u(randVecLZSS.v[p[0]] ^ randVecLZSS.v[256 + p[1]] ^ randVecLZSS.v[512 + p[2]]);
