@@ -757,4 +757,25 @@ TEST_F(InflateTool, RawDeflateIsKnownByItsExtension) {
     expectRefused("cut.deflate", "truncated");
 }
 
+TEST(InflateHostile, ARecordNotFilledByTheBuilderStaysInBounds) {
+    // The table area ends right before an unmapped page; tables of random bytes, random
+    // maxima and saved words: any status, never a read outside the record.
+    GuardedBuffer rec(sizeof(OzrInflateState));
+    auto* st = reinterpret_cast<OzrInflateState*>(rec.data());
+    ASSERT_EQ(reinterpret_cast<uintptr_t>(st) % alignof(OzrInflateState), 0u);
+    std::mt19937 rng(9);
+    Bytes out(4096);
+    for (int trial = 0; trial < 400; ++trial) {
+        for (size_t i = 0; i < sizeof(OzrInflateState); ++i) rec.data()[i] = static_cast<uint8_t>(rng());
+        st->pWindow = nullptr;
+        st->winSize = 0;
+        st->tableType = 1 + trial % 2;
+        const Bytes in = randomBytes(2000, static_cast<uint32_t>(trial));
+        Call c{in.data(), static_cast<Ozr32u>(in.size()), 0, 0, out.data(), static_cast<Ozr32u>(out.size())};
+        c.mode = trial % 3;
+        const OzrResult r = c.run(st);
+        EXPECT_TRUE(r == ozrOk || r == ozrErrHuffTable) << r;
+    }
+}
+
 }  // namespace

@@ -13,7 +13,7 @@ namespace {
 
 struct CodeStats {
     unsigned count[16];
-    unsigned minLen, maxLen;  // 0 when no symbol has a code
+    unsigned maxLen;          // 0 when no symbol has a code
     bool complete;            // every index of a table is some code's: no entry needs a default
 };
 
@@ -24,12 +24,10 @@ bool countLengths(const Ozr16u* lens, unsigned n, CodeStats& st) {
         if (lens[s] > kMaxCodeLen) return false;
         ++st.count[lens[s]];
     }
-    st.minLen = st.maxLen = 0;
+    st.maxLen = 0;
     st.complete = false;
     for (unsigned L = kMaxCodeLen; L >= 1; --L)
         if (st.count[L] != 0) { st.maxLen = L; break; }
-    for (unsigned L = 1; L <= kMaxCodeLen; ++L)
-        if (st.count[L] != 0) { st.minLen = L; break; }
     return true;
 }
 

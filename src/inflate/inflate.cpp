@@ -66,7 +66,10 @@ template <Table T>
 inline unsigned litResolve(const Tables& tb, Ozr64u bits, unsigned e) {
     if constexpr (T == Table::Long) {
         if (((e >> 4) & 15) == kKindLink) {
-            const unsigned j = (e >> 8) * 2 + static_cast<unsigned>(lowBits(bits >> kRootBits, (e & 15) - kRootBits));
+            // Masked: a table the builder made never reaches the end of the area, and a
+            // record filled by other means still cannot make the lookup leave it.
+            const unsigned j = ((e >> 8) * 2 + static_cast<unsigned>(lowBits(bits >> kRootBits, ((e & 15) - kRootBits) & 7))) &
+                               (kLongLitSubEntries - 1);
             e = load16(tb.t + kLongLitSubPacked + 2 * j);
         }
     }
@@ -88,7 +91,8 @@ inline unsigned distEntry(const Tables& tb, Ozr64u bits) {
         unsigned e = load32(tb.t + kLongDistPacked + 4 * i);
         if (__builtin_expect((e >> 4 & 15) == kDistExtraLink, 0)) {
             const unsigned j =
-                (e >> 16) + static_cast<unsigned>(lowBits(bits >> kRootBits, (e & 15) - kRootBits));
+                ((e >> 16) + static_cast<unsigned>(lowBits(bits >> kRootBits, ((e & 15) - kRootBits) & 7))) &
+                (kLongDistSubEntries - 1);
             e = tb.t[kLongDistSubLen + j] | static_cast<unsigned>(load16(tb.t + kLongDistSubBase + 2 * j)) << 16;
         }
         return e;
