@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "test_data.h"
+#include <divsufsort.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -78,6 +79,54 @@ Syms refZ1Z2(const Bytes& ranks) {
         out.push_back(static_cast<uint16_t>(r + 1));
     }
     flush();
+    return out;
+}
+
+// The last column by sorting the rotations themselves (small blocks only).
+Bytes refBWT(const Bytes& b, int* index) {
+    const size_t n = b.size();
+    std::vector<size_t> rot(n);
+    std::iota(rot.begin(), rot.end(), 0);
+    std::stable_sort(rot.begin(), rot.end(), [&](size_t x, size_t y) {
+        for (size_t k = 0; k < n; ++k) {
+            uint8_t a = b[(x + k) % n], c = b[(y + k) % n];
+            if (a != c) return a < c;
+        }
+        return false;
+    });
+    Bytes out(n);
+    for (size_t k = 0; k < n; ++k) {
+        out[k] = b[(rot[k] + n - 1) % n];
+        if (rot[k] == 0) *index = static_cast<int>(k);
+    }
+    return out;
+}
+
+// The cyclic last column through libdivsufsort: the suffixes of the doubled block
+// that start in its first half sort as the rotations (equal rotations tie either
+// way, which leaves the column unchanged).
+Bytes divsufsortBWT(const Bytes& b, int* index) {
+    const int n = static_cast<int>(b.size());
+    Bytes bb(b);
+    bb.insert(bb.end(), b.begin(), b.end());
+    std::vector<saidx_t> sa(2 * static_cast<size_t>(n));
+    EXPECT_EQ(divsufsort(bb.data(), sa.data(), 2 * n), 0);
+    Bytes out;
+    out.reserve(b.size());
+    for (saidx_t i : sa) {
+        if (i >= n) continue;
+        if (i == 0) *index = static_cast<int>(out.size());
+        out.push_back(b[(i + n - 1) % n]);
+    }
+    return out;
+}
+
+Bytes inverseBWT(const Bytes& last, int index) {
+    int size = 0;
+    EXPECT_EQ(m7_ozrsBWTInvGetSize_8u(static_cast<int>(last.size()), &size), ozrOk);
+    Bytes buf(static_cast<size_t>(size) + 1), out(last.size());
+    // An odd buffer address: the call aligns its 32-bit array itself.
+    EXPECT_EQ(m7_ozrsBWTInv_8u(last.data(), out.data(), static_cast<int>(last.size()), index, buf.data() + 1), ozrOk);
     return out;
 }
 
@@ -296,6 +345,48 @@ TEST(Z1Z2, StatusesInCheckOrder) {
     EXPECT_EQ(m7_ozrsDecodeZ1Z2_BZ2_16u8u(&ps, &zero, r, &len), ozrErrSize);
     EXPECT_EQ(m7_ozrsDecodeZ1Z2_BZ2_16u8u(&ps, &len, r, &zero), ozrErrSize);
     EXPECT_EQ(len, 2);
+}
+
+// ---- BWT inverse ----------------------------------------------------------------
+
+TEST(BWTInverse, BananaAndSingleByte) {
+    EXPECT_EQ(inverseBWT(str("nnbaaa"), 3), str("banana"));
+    EXPECT_EQ(inverseBWT(str("Q"), 0), str("Q"));
+    int size = 0;
+    ASSERT_EQ(m7_ozrsBWTInvGetSize_8u(1000, &size), ozrOk);
+    EXPECT_EQ(size, 5024);
+}
+
+TEST(BWTInverse, RestoresBlocksOfEveryShape) {
+    for (size_t n : {2, 3, 7, 100, 1000}) {
+        for (const Bytes& b : sampleBlocks(n)) {
+            int index = -1;
+            Bytes last = refBWT(b, &index);
+            ASSERT_EQ(inverseBWT(last, index), b) << n;
+        }
+    }
+    for (const Bytes& b : sampleBlocks(300000)) {
+        int index = -1;
+        Bytes last = divsufsortBWT(b, &index);
+        ASSERT_EQ(inverseBWT(last, index), b);
+    }
+}
+
+TEST(BWTInverse, AnyColumnAndIndexDecodeWithoutFault) {
+    Bytes last = randomBytes(5000, 17);
+    for (int index : {0, 1, 4999, -5}) EXPECT_EQ(inverseBWT(last, index).size(), 5000u);
+}
+
+TEST(BWTInverse, StatusesInCheckOrder) {
+    Ozr8u a[8] = {}, buf[64];
+    int size = 0;
+    EXPECT_EQ(m7_ozrsBWTInvGetSize_8u(0, nullptr), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsBWTInvGetSize_8u(0, &size), ozrErrSize);
+    EXPECT_EQ(m7_ozrsBWTInv_8u(a, a, 0, 9, nullptr), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsBWTInv_8u(nullptr, a, 8, 0, buf), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsBWTInv_8u(a, a, 0, 0, buf), ozrErrSize);
+    EXPECT_EQ(m7_ozrsBWTInv_8u(a, a, 8, 8, buf), ozrErrSize);  // index == n is refused
+    EXPECT_EQ(m7_ozrsBWTInv_8u(a, a, 8, -1, buf), ozrOk);    // a negative one is not
 }
 
 }  // namespace

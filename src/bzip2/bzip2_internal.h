@@ -26,9 +26,13 @@ OzrResult m7_ozrsExpandDictionary_8u_I(const Ozr8u inUse[256], Ozr8u* pSrcDst, i
 // MTF over len bytes with the list in rank form (forward) or list form (inverse).
 void m7_ownsMTFFwd_8u(const Ozr8u* pSrc, Ozr8u* pDst, int len, Ozr8u* pMTFState);
 void m7_ownsMTFInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int len, Ozr8u* pMTFState);
-// Inverse BWT from the last column: counts[256] are the byte counts of pSrc (the
-// caller may have them already, as the block decoder does); pLink holds n words.
-// index must lie in [0, n).
+// Inverse BWT from the last column pSrc: counts[256] are the byte counts of pSrc
+// (the caller may have them already, as the block decoder does).
+// pLink: n words, 4-byte aligned. index must lie in [0, n).
 void m7_ownsBWTInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int n, int index, const Ozr32u* counts, Ozr32u* pLink);
+// The same for a last column already held in the low 8 bits of pLink[0, n) (the
+// upper 24 bits zero), as a block decoder builds it: the links are added in place
+// and the block written to pDst. n < 2^24, index in [0, n), counts as above.
+void m7_ownsBWTInvLinked_8u(Ozr32u* pLink, Ozr8u* pDst, int n, int index, const Ozr32u* counts);
 
 }  // extern "C"
