@@ -9,5 +9,6 @@ set(OZRDC_BUILT_GROUPS
   lz4
   lz4hc
   lzo
+  bzip2
   zfp
 )
