@@ -68,9 +68,6 @@ void mtfFwdRankTable(const Ozr8u* src, Ozr8u* dst, int len, Ozr8u* state) {
 // digit first, with the digits RUNA (0, digit value 1) and RUNB (1, digit value 2);
 // z needs floor(log2(z + 1)) digits. Every other rank r becomes the symbol r + 1.
 
-constexpr Ozr16u kRunA = 0;
-constexpr Ozr16u kRunB = 1;
-
 // Longest run whose code has at most k digits: 2^(k+1) - 2.
 constexpr Ozr64u runBound(int k) { return k >= 40 ? (Ozr64u(1) << 41) : (Ozr64u(2) << k) - 2; }
 
