@@ -102,6 +102,7 @@ void emit(const Ozr8u* t, const Ozr32s* sa, int q, int reps, int origin, Ozr8u* 
     origin %= q;
     if (reps == 1) {
         for (int k = 0; k < q; ++k) {
+            if (k + 32 < q) __builtin_prefetch(&t[sa[k + 32]]);
             Ozr32s p = sa[k];
             pDst[k] = t[p == 0 ? q - 1 : p - 1];
             if (p == origin) *pIndex = k;
