@@ -48,6 +48,20 @@ inline __m128i frontToFront(__m128i front, unsigned r, Ozr8u s) {
     return _mm_or_si128(moved, _mm_cvtsi32_si128(s));  // byte 0 of the shifted part is 0
 }
 
+// Length (0..16) of the run of bytes equal to v at p, which has 16 readable bytes.
+inline unsigned runLength16(const Ozr8u* p, __m128i v) {
+    unsigned eq = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(load16(p), v)));
+    return m7::trailingZeros64(~eq);  // bit 16 and above of ~eq are set
+}
+
+// Stores `fill` over the first n (1..16) of the 16 bytes at p and leaves the others
+// as `keep` holds them (keep is what was loaded from p, so that in-place coding is
+// not disturbed).
+inline void storeHead(Ozr8u* p, unsigned n, __m128i fill, __m128i keep) {
+    const __m128i mask = _mm_load_si128(reinterpret_cast<const __m128i*>(frontMask.m[n - 1]));
+    store16(p, _mm_or_si128(_mm_and_si128(mask, fill), _mm_andnot_si128(mask, keep)));
+}
+
 // Rank of byte v in a list that holds every byte value once, searched from rank
 // `from` (a multiple of 16).
 inline unsigned findRank(const Ozr8u* list, Ozr8u v, unsigned from = 0) {
@@ -133,7 +147,15 @@ void m7_ownsMTFFwd_8u(const Ozr8u* pSrc, Ozr8u* pDst, int len, Ozr8u* pMTFState)
     for (int k = 0; k < len; ++k) {
         Ozr8u s = pSrc[k];
         if (s == first) {
-            pDst[k] = 0;
+            // A run of the front byte: all zeros, 16 bytes a step.
+            if (len - k >= 16) {
+                const __m128i key = _mm_set1_epi8(static_cast<char>(s));
+                unsigned run = runLength16(pSrc + k, key);
+                storeHead(pDst + k, run, _mm_setzero_si128(), load16(pDst + k));
+                k += static_cast<int>(run) - 1;
+            } else {
+                pDst[k] = 0;
+            }
             continue;
         }
         unsigned m = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(front, _mm_set1_epi8(static_cast<char>(s)))));
@@ -163,6 +185,14 @@ void m7_ownsMTFInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int len, Ozr8u* pMTFState)
     alignas(16) Ozr8u spill[16];
     for (int k = 0; k < len; ++k) {
         unsigned r = pSrc[k];
+        if (r == 0 && len - k >= 16) {
+            // A run of rank 0: the front byte repeated, 16 ranks a step.
+            unsigned run = runLength16(pSrc + k, _mm_setzero_si128());
+            const __m128i fill = _mm_set1_epi8(static_cast<char>(_mm_cvtsi128_si32(front)));
+            storeHead(pDst + k, run, fill, load16(pDst + k));
+            k += static_cast<int>(run) - 1;
+            continue;
+        }
         if (r < 16) {
             // The byte at rank r, read back from a spill of the front (a load that
             // lies inside one store is forwarded from it).
@@ -237,8 +267,10 @@ OzrResult m7_ozrsEncodeZ1Z2_BZ2_8u16u(const Ozr8u** ppSrc, int* pSrcLen, Ozr16u*
     while (in < n) {
         Ozr8u r = src[in];
         if (r == 0) {
-            ++z;
-            ++in;
+            // Zero ranks are counted 16 at a time where the input allows.
+            unsigned run = n - in >= 16 ? runLength16(src + in, _mm_setzero_si128()) : 1;
+            z += run;
+            in += static_cast<int>(run);
             continue;
         }
         if (z) {
