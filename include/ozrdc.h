@@ -498,7 +498,8 @@ OzrResult ozrsBWTFwdGetSize_8u(int n, int* pSize);
  * (n bytes); *pIndex = the sorted position of the block itself (rotation 0).
  * Equal rotations (periodic blocks) give the same output in any order. pBuffer is
  * the caller's work area of ozrsBWTFwdGetSize_8u(n) bytes (no alignment needed).
- * pSrc and pDst must not overlap the buffer. Errors: a null pointer ->
+ * pSrc and pDst must not overlap the buffer. Time is linear in n on any data (an
+ * induced suffix sort of the block's least rotation). Errors: a null pointer ->
  * ozrErrNullPointer; n <= 0 -> ozrErrSize. */
 OzrResult ozrsBWTFwd_8u(const Ozr8u* pSrc, Ozr8u* pDst, int n, int* pIndex, Ozr8u* pBuffer);
 
@@ -510,14 +511,18 @@ OzrResult ozrsBWTFwdGetBufSize_SelectSort_8u(int n, int* pSize, int mode);
 /* ozrsBWTFwd_8u with the sorting method chosen by mode:
  *   0  bucket sort on the first two bytes with a work limit (100 n for blocks
  *      under 99 900 bytes, else 25 n): when the limit is used up the call stops
- *      and returns ozrWarnBWTSortLimit (pDst and *pIndex are then undefined);
- *   1  bucket sort without the limit;
- *   2  prefix-doubling sort (no limit needed: O(n log n) on any data);
- *   3  bucket sort with the limit, falling back to prefix doubling (the choice of
- *      ozrsBWTFwd_8u);
+ *      and returns ozrWarnBWTSortLimit (pDst and *pIndex are then undefined).
+ *      Repetitive blocks (long runs, short periods, long repeats) reach it;
+ *   1  bucket sort without that status: where the limit would stop it, it goes
+ *      on with the induced sort (or, if the buffer cannot hold that, with the
+ *      bucket sort to its end);
+ *   2  the induced sort alone (linear time on any data; buffer 18 n + 80);
+ *   3  bucket sort with the limit, then the induced sort;
  *   other: nothing is done, ozrOk.
- * Blocks under 100 bytes are sorted directly whatever the mode. All modes give the
- * same pDst and *pIndex. Errors: as ozrsBWTFwd_8u. */
+ * Blocks under 100 bytes are sorted directly whatever the mode (also an unknown
+ * one), and never return ozrWarnBWTSortLimit. All modes give the same pDst and
+ * *pIndex, which is also what ozrsBWTFwd_8u gives (it runs the induced sort
+ * directly). Errors: as ozrsBWTFwd_8u. */
 OzrResult ozrsBWTFwd_SelectSort_8u(const Ozr8u* pSrc, Ozr8u* pDst, int n, int* pIndex, Ozr8u* pBuffer,
                                    int mode);
 
@@ -529,7 +534,8 @@ OzrResult ozrsBWTInvGetSize_8u(int n, int* pSize);
  * and primary index `index`. pBuffer: ozrsBWTInvGetSize_8u(n) bytes. Errors: pSrc,
  * pDst or pBuffer null -> ozrErrNullPointer; n <= 0 or index >= n -> ozrErrSize.
  * A negative index is not refused: it is taken as 0. Any index and last column
- * decode to n bytes without error (a wrong index gives a rotated block). */
+ * decode to n bytes without error (for a genuine last column, a wrong index gives
+ * a rotation of the block). */
 OzrResult ozrsBWTInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int n, int index, Ozr8u* pBuffer);
 
 /* -- Move-to-front and zero-run (Z1Z2) coding -- */
