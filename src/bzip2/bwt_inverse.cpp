@@ -43,8 +43,8 @@ void firstRows(const Ozr32u* counts, Ozr32u* start) {
     }
 }
 
-// Follows the packed links from row p for n bytes.
-inline void walkPacked(const Ozr32u* link, Ozr32u p, Ozr8u* dst, int n) {
+// Follows the packed links from row p for n bytes; returns the row reached.
+inline Ozr32u walkPacked(const Ozr32u* link, Ozr32u p, Ozr8u* dst, int n) {
     int k = 0;
     for (; k + 4 <= n; k += 4) {
         Ozr32u e0 = link[p];
@@ -62,6 +62,45 @@ inline void walkPacked(const Ozr32u* link, Ozr32u p, Ozr8u* dst, int n) {
         dst[k] = static_cast<Ozr8u>(e);
         p = e >> 8;
     }
+    return p;
+}
+
+// The walk from row `start` as two walks in step, which keeps two loads in flight.
+// The second walk starts at an arbitrary row x, which stands at some unknown
+// rotation u of the block: it writes from the middle of the output until either
+//   - the first walk reaches row x (then u is its count: the second walk's bytes
+//     move down to u, and it finishes the block alone), or
+//   - the second walk reaches `start` (then its bytes are the last of the block:
+//     they move up to the end, and the first walk finishes alone; on a column
+//     whose links form shorter cycles that can be wrong, which the first walk
+//     finds when it does not end at x).
+// If neither happens within half the block (the rows form several cycles, as for a
+// periodic block), the first walk finishes alone over the second one's bytes.
+void walkTwo(const Ozr32u* link, Ozr32u start, Ozr8u* dst, int n) {
+    const int half = n / 2;
+    const Ozr32u x = start == 0 ? static_cast<Ozr32u>(half) : 0;
+    Ozr32u a = start, b = x;
+    int k = 0;  // bytes written by each walk
+    while (k < half && a != x && b != start) {
+        Ozr32u ea = link[a], eb = link[b];
+        dst[k] = static_cast<Ozr8u>(ea);
+        dst[half + k] = static_cast<Ozr8u>(eb);
+        a = ea >> 8;
+        b = eb >> 8;
+        ++k;
+    }
+    if (a == x) {
+        m7_ownsMove_8u_M7(dst + half, dst + k, static_cast<size_t>(k));
+        walkPacked(link, b, dst + 2 * k, n - 2 * k);
+    } else if (b == start) {
+        // Right when `start` lies on a cycle of length n (a genuine last column):
+        // the first walk then ends at x. If it does not, it writes the rest itself.
+        m7_ownsMove_8u_M7(dst + half, dst + n - k, static_cast<size_t>(k));
+        a = walkPacked(link, a, dst + k, n - 2 * k);
+        if (a != x) walkPacked(link, a, dst + n - k, k);
+    } else {
+        walkPacked(link, a, dst + k, n - k);
+    }
 }
 
 }  // namespace
@@ -76,7 +115,7 @@ void m7_ownsBWTInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int n, int index, const Oz
             Ozr8u c = pSrc[i];
             pLink[start[c]++] = static_cast<Ozr32u>(i) << 8 | c;
         }
-        walkPacked(pLink, static_cast<Ozr32u>(index), pDst, n);
+        walkTwo(pLink, static_cast<Ozr32u>(index), pDst, n);
         return;
     }
     for (int i = 0; i < n; ++i) pLink[start[pSrc[i]]++] = static_cast<Ozr32u>(i);
@@ -91,7 +130,7 @@ void m7_ownsBWTInvLinked_8u(Ozr32u* pLink, Ozr8u* pDst, int n, int index, const 
     Ozr32u start[256];
     firstRows(counts, start);
     for (int i = 0; i < n; ++i) pLink[start[pLink[i] & 0xFF]++] |= static_cast<Ozr32u>(i) << 8;
-    walkPacked(pLink, pLink[index] >> 8, pDst, n);
+    walkTwo(pLink, pLink[index] >> 8, pDst, n);
 }
 
 OzrResult m7_ozrsBWTInvGetSize_8u(int n, int* pSize) {
