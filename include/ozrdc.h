@@ -620,7 +620,8 @@ OzrResult ozrsRLEGetInUseTable_8u(Ozr8u inUse[256], const OzrsRLEState_BZ2* pRLE
 /* -- Burrows-Wheeler transform -- */
 
 /* Work-buffer size of ozrsBWTFwd_8u for blocks of n bytes: max(6n + 524484,
- * 18n + 80). Errors: null -> ozrErrNullPointer; n <= 0 -> ozrErrSize. */
+ * 18n + 80), computed in 32-bit arithmetic (so meaningful for n up to
+ * 119 304 642). Errors: null -> ozrErrNullPointer; n <= 0 -> ozrErrSize. */
 OzrResult ozrsBWTFwdGetSize_8u(int n, int* pSize);
 
 /* Forward transform of the n-byte block pSrc: sorts its n cyclic rotations as
