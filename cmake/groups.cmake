@@ -13,5 +13,6 @@ set(OZRDC_BUILT_GROUPS
   lz4hc
   lzo
   lzss
+  bzip2
   zfp
 )
