@@ -1,0 +1,97 @@
+// bzip2 block decoding: Z1Z2 symbols to the run-length-coded block.
+//
+// One pass over the symbols undoes the zero-run coding and the move-to-front coding
+// at once, with the move-to-front list holding byte values (the in-use alphabet
+// mapped in from the start), and stores each byte in the low 8 bits of a 32-bit
+// work word while counting it. The inverse Burrows-Wheeler transform then threads
+// the successor links through the high 24 bits of the same words (hence blocks
+// below 2^24 bytes) and follows them from the origin pointer.
+#include "bzip2_huff.h"
+
+namespace {
+constexpr int kMaxBlock = 16777215;  // 24-bit links
+}
+
+OzrResult m7_ozrsDecodeBlockGetSize_BZ2_8u(int n, int* pSize) {
+    OZR_CHECK_NULL(pSize);
+    if (static_cast<unsigned>(n) > static_cast<unsigned>(kMaxBlock)) return ozrErrSize;
+    *pSize = 4 * n;
+    return ozrOk;
+}
+
+OzrResult m7_ozrsDecodeBlock_BZ2_16u8u(const Ozr16u* pSrc, int srcLen, Ozr8u* pDst, int* pDstLen, int index,
+                                       int sizeDictionary, const Ozr8u inUse[256], Ozr8u* pBuffer) {
+    OZR_CHECK_NULL(pSrc, pDst, pDstLen, inUse, pBuffer);
+    OZR_CHECK_POSITIVE(srcLen);
+    const int room = *pDstLen;
+    if (room < 0 || room > kMaxBlock || index < 0 || index >= room) return ozrErrSize;
+    if (sizeDictionary > 256) return ozrErrSize;
+
+    // The move-to-front list starts as the values in use, in increasing order.
+    alignas(16) Ozr8u list[256];
+    int nInUse = 0;
+    for (int v = 0; v < 256; ++v)
+        if (inUse[v]) list[nInUse++] = static_cast<Ozr8u>(v);
+    if (nInUse != sizeDictionary || nInUse == 0) return ozrErrFailed;
+
+    Ozr32u* const tt = reinterpret_cast<Ozr32u*>(pBuffer);
+    Ozr32u count[256] = {};
+    int n = 0;
+    int i = 0;
+    while (i < srcLen) {
+        const unsigned s = pSrc[i];
+        if (s < 2) {
+            // A run of RUNA (digit 1) / RUNB (digit 2), least significant first.
+            Ozr64u run = 0, weight = 1;
+            while (i < srcLen && pSrc[i] < 2) {
+                run += weight << pSrc[i];
+                weight <<= 1;
+                ++i;
+                if (run > static_cast<Ozr64u>(room - n)) {
+                    *pDstLen = n;
+                    return ozrErrFailed;
+                }
+            }
+            const Ozr8u b = list[0];
+            count[b] += static_cast<Ozr32u>(run);
+            Ozr32u* d = tt + n;
+            for (Ozr64u k = 0; k < run; ++k) d[k] = b;
+            n += static_cast<int>(run);
+            continue;
+        }
+        const unsigned r = s - 1;
+        if (r >= static_cast<unsigned>(nInUse)) {
+            *pDstLen = n;
+            return ozrErrFailed;
+        }
+        if (n == room) {
+            *pDstLen = n;
+            return ozrErrFailed;
+        }
+        const Ozr8u b = list[r];
+        for (unsigned k = r; k > 0; --k) list[k] = list[k - 1];
+        list[0] = b;
+        tt[n++] = b;
+        count[b]++;
+        ++i;
+    }
+    if (index >= n) {
+        *pDstLen = n;
+        return ozrErrFailed;
+    }
+
+    // Inverse transform: C[c] is the first sorted row starting with c; row C[L[i]]
+    // (taken in order) continues at i.
+    Ozr32u start[256];
+    Ozr32u sum = 0;
+    for (int c = 0; c < 256; ++c) { start[c] = sum; sum += count[c]; }
+    for (int k = 0; k < n; ++k) tt[start[tt[k] & 0xFF]++] |= static_cast<Ozr32u>(k) << 8;
+    Ozr32u p = tt[index] >> 8;
+    for (int k = 0; k < n; ++k) {
+        const Ozr32u t = tt[p];
+        pDst[k] = static_cast<Ozr8u>(t);
+        p = t >> 8;
+    }
+    *pDstLen = n;
+    return ozrOk;
+}
