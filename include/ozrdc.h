@@ -387,7 +387,207 @@ OzrResult ozrsDecodeLZOSafe_8u(const Ozr8u* pSrc, Ozr32u srcLen, Ozr8u* pDst, Oz
 
 
 /* ==== bzip2 block-sorting stages ============================================== */
+/*
+ * The stages of the bzip2 block-sorting pipeline as separate operations. They
+ * read and write the bzip2 format's intermediate forms exactly, so a caller can
+ * build a bzip2-compatible compressor from them (or a better one: every stage is
+ * usable on its own). None writes stream or block headers, and none computes the
+ * block CRC (ozrsCRC32_BZ2_8u does).
+ *
+ * Compressing one block:
+ *   1. RLE: ozrsRLEGetSize_BZ2_8u -> allocate the 264-byte state ->
+ *      ozrsEncodeRLEInit_BZ2_8u -> ozrsEncodeRLE_BZ2_8u on the raw data (any
+ *      number of calls) -> ozrsEncodeRLEFlush_BZ2_8u. The state's inUse table
+ *      (ozrsRLEGetInUseTable_8u) then lists the byte values of the coded block.
+ *   2. Alphabet reduction: ozrsReduceDictionary_8u_I maps the coded block onto
+ *      0..nInUse-1, which is what bzip2's later stages work on (the BWT may run
+ *      before or after it: the mapping keeps the byte order).
+ *   3. BWT: ozrsBWTFwdGetSize_8u(n) -> a work buffer of that size ->
+ *      ozrsBWTFwd_8u, giving the last column and the primary index.
+ *   4. MTF and Z1Z2: ozrsMTFInit_8u, ozrsMTFFwd_8u on the last column, then
+ *      ozrsEncodeZ1Z2_BZ2_8u16u, which also counts the symbol frequencies for the
+ *      Huffman stage (append the end-of-block symbol nInUse + 1 yourself).
+ * Decompressing runs the inverses in the opposite order: ozrsDecodeZ1Z2_BZ2_16u8u,
+ * ozrsMTFInv_8u, ozrsExpandDictionary_8u_I, ozrsBWTInv_8u, and the RLE decoder
+ * (ozrsDecodeRLEStateInit_BZ2_8u -> ozrsDecodeRLEState_BZ2_8u ->
+ * ozrsDecodeRLEStateFlush_BZ2_8u); ozrsDecodeBlock_BZ2_16u8u below does the
+ * first four at once.
+ *
+ * Note the two length conventions of the RLE stage: the encoder's *pDstLen is the
+ * room on entry and the count written on return; the decoder's is the room on
+ * entry and the room left on return, and its output pointer advances.
+ */
 
+/* State of the RLE stage, shared by encoder and decoder (264 bytes, no pointers:
+ * it may be copied or moved between calls). */
+typedef struct OzrsRLEState_BZ2 {
+    Ozr8u  inUse[256]; /* encoder: 1 for every byte value written since Init, else 0 */
+    Ozr32s lastSym;    /* byte value of the current run, -1 when none */
+    Ozr32s runLen;     /* encoder: length of the current run so far (the up to four
+                          copies already written included); decoder: copies of
+                          lastSym still owed to the output */
+} OzrsRLEState_BZ2;
+
+/* Move-to-front list: 256 bytes. Forward: entry v is the current rank of byte v.
+ * Inverse: entry r is the byte at rank r. Init gives the identity for both. */
+typedef Ozr8u OzrsMTFState_8u;
+
+/* -- Run-length coding (bzip2's initial RLE: 4 to 259 equal bytes are written as
+ *    four copies and a count byte 0..255) -- */
+
+/* Writes 264, the byte size of OzrsRLEState_BZ2. Errors: null -> ozrErrNullPointer. */
+OzrResult ozrsRLEGetSize_BZ2_8u(int* pSize);
+
+/* Prepares a state for encoding: inUse cleared, no open run. Errors: null ->
+ * ozrErrNullPointer. */
+OzrResult ozrsEncodeRLEInit_BZ2_8u(OzrsRLEState_BZ2* pState);
+
+/* Run-length codes *pSrcLen bytes at *ppSrc into pDst. In: *pDstLen is the room.
+ * Out: *ppSrc advanced and *pSrcLen reduced by the bytes consumed, *pDstLen = bytes
+ * written. A run open at the end of the input stays in the state and continues in
+ * the next call (its count byte is written when a different byte arrives, the run
+ * reaches 259, or at Flush), so the output does not depend on how the input is
+ * split. Every byte written is marked in inUse. Returns ozrWarnDstSizeLess when
+ * input is left (room ran out), else ozrOk. Errors: ppSrc, pDst, pSrcLen, pDstLen,
+ * *ppSrc or pState null -> ozrErrNullPointer; *pSrcLen or *pDstLen <= 0 ->
+ * ozrErrSize. */
+OzrResult ozrsEncodeRLE_BZ2_8u(const Ozr8u** ppSrc, int* pSrcLen, Ozr8u* pDst, int* pDstLen,
+                               OzrsRLEState_BZ2* pState);
+
+/* Ends the block: writes the count byte of a run of 4 or more that is still open.
+ * *pDstLen: in, the room (at least 1); out, bytes written (0 or 1). Errors: a null
+ * pointer -> ozrErrNullPointer; *pDstLen <= 0 -> ozrErrSize. */
+OzrResult ozrsEncodeRLEFlush_BZ2_8u(Ozr8u* pDst, int* pDstLen, OzrsRLEState_BZ2* pState);
+
+/* Prepares a state for decoding (lastSym -1, nothing owed; inUse is not touched).
+ * Errors: null -> ozrErrNullPointer. */
+OzrResult ozrsDecodeRLEStateInit_BZ2_8u(OzrsRLEState_BZ2* pState);
+
+/* Decodes run-length coded bytes. *ppSrc and *pSrcLen advance and shrink by the input
+ * consumed; *ppDst advances and *pDstLen (in: the room) shrinks by the bytes
+ * written. Give the whole coded block as input in one call (the last three input
+ * bytes of a call are always taken as literals); the output may be drained in
+ * pieces: copies of a run that do not fit are owed in the state, written by the next
+ * call or by Flush. Returns ozrWarnDstSizeLess when the room ran out inside a run or
+ * filled during literals with input left, ozrOk otherwise (also when the room
+ * filled exactly at the end of a run: *pSrcLen then tells whether input is left).
+ * Any input decodes to something; there is no data error. Errors: ppSrc, pSrcLen,
+ * ppDst, pDstLen, *ppSrc, *ppDst or pState null -> ozrErrNullPointer; *pSrcLen or
+ * *pDstLen <= 0 -> ozrErrSize. */
+OzrResult ozrsDecodeRLEState_BZ2_8u(const Ozr8u** ppSrc, int* pSrcLen, Ozr8u** ppDst, int* pDstLen,
+                                    OzrsRLEState_BZ2* pState);
+
+/* Writes the copies still owed, as far as *pDstLen allows; *ppDst advances and
+ * *pDstLen shrinks by the count written. Returns ozrWarnDstSizeLess when copies are
+ * still owed, else ozrOk. A room of 0 is allowed. Errors: pState, ppDst, pDstLen or
+ * *ppDst null -> ozrErrNullPointer. */
+OzrResult ozrsDecodeRLEStateFlush_BZ2_8u(OzrsRLEState_BZ2* pState, Ozr8u** ppDst, int* pDstLen);
+
+/* Copies the 256-byte inUse table out of an RLE encoder state. Errors: null ->
+ * ozrErrNullPointer. */
+OzrResult ozrsRLEGetInUseTable_8u(Ozr8u inUse[256], const OzrsRLEState_BZ2* pRLEState);
+
+/* -- Burrows-Wheeler transform -- */
+
+/* Work-buffer size of ozrsBWTFwd_8u for blocks of n bytes: max(6n + 524484,
+ * 18n + 80). Errors: null -> ozrErrNullPointer; n <= 0 -> ozrErrSize. */
+OzrResult ozrsBWTFwdGetSize_8u(int n, int* pSize);
+
+/* Forward transform of the n-byte block pSrc: sorts its n cyclic rotations as
+ * unsigned byte strings and writes the last byte of each, in sorted order, to pDst
+ * (n bytes); *pIndex = the sorted position of the block itself (rotation 0).
+ * Equal rotations (periodic blocks) give the same output in any order. pBuffer is
+ * the caller's work area of ozrsBWTFwdGetSize_8u(n) bytes (no alignment needed).
+ * pSrc and pDst must not overlap the buffer. Errors: a null pointer ->
+ * ozrErrNullPointer; n <= 0 -> ozrErrSize. */
+OzrResult ozrsBWTFwd_8u(const Ozr8u* pSrc, Ozr8u* pDst, int n, int* pIndex, Ozr8u* pBuffer);
+
+/* Work-buffer size of ozrsBWTFwd_SelectSort_8u by mode: 0 or 1 (any mode below 2)
+ * -> 6n + 524484; 2 -> 18n + 80; 3 -> the larger. Another mode writes nothing and
+ * returns ozrOk. Errors: null -> ozrErrNullPointer; n == 0 -> ozrErrSize. */
+OzrResult ozrsBWTFwdGetBufSize_SelectSort_8u(int n, int* pSize, int mode);
+
+/* ozrsBWTFwd_8u with the sorting method chosen by mode:
+ *   0  bucket sort on the first two bytes with a work limit (100 n for blocks
+ *      under 99 900 bytes, else 25 n): when the limit is used up the call stops
+ *      and returns ozrWarnBWTSortLimit (pDst and *pIndex are then undefined);
+ *   1  bucket sort without the limit;
+ *   2  prefix-doubling sort (no limit needed: O(n log n) on any data);
+ *   3  bucket sort with the limit, falling back to prefix doubling (the choice of
+ *      ozrsBWTFwd_8u);
+ *   other: nothing is done, ozrOk.
+ * Blocks under 100 bytes are sorted directly whatever the mode. All modes give the
+ * same pDst and *pIndex. Errors: as ozrsBWTFwd_8u. */
+OzrResult ozrsBWTFwd_SelectSort_8u(const Ozr8u* pSrc, Ozr8u* pDst, int n, int* pIndex, Ozr8u* pBuffer,
+                                   int mode);
+
+/* Work-buffer size of ozrsBWTInv_8u: 4n + 1024. Errors: null -> ozrErrNullPointer;
+ * n <= 0 -> ozrErrSize. */
+OzrResult ozrsBWTInvGetSize_8u(int n, int* pSize);
+
+/* Inverse transform: restores the n-byte block into pDst from its last column pSrc
+ * and primary index `index`. pBuffer: ozrsBWTInvGetSize_8u(n) bytes. Errors: pSrc,
+ * pDst or pBuffer null -> ozrErrNullPointer; n <= 0 or index >= n -> ozrErrSize.
+ * A negative index is not refused: it is taken as 0. Any index and last column
+ * decode to n bytes without error (a wrong index gives a rotated block). */
+OzrResult ozrsBWTInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int n, int index, Ozr8u* pBuffer);
+
+/* -- Move-to-front and zero-run (Z1Z2) coding -- */
+
+/* Writes 256, the byte size of OzrsMTFState_8u. Errors: null -> ozrErrNullPointer. */
+OzrResult ozrsMTFGetSize_8u(int* pSize);
+
+/* Sets the list to 0, 1, ..., 255 (once per block, and before switching direction).
+ * Errors: null -> ozrErrNullPointer. */
+OzrResult ozrsMTFInit_8u(OzrsMTFState_8u* pMTFState);
+
+/* For each of the len bytes of pSrc writes its current rank to pDst and moves it to
+ * the front. The list is read at the start and written back at the end, so a block
+ * may be coded in several calls. pSrc == pDst is allowed. Errors: a null pointer ->
+ * ozrErrNullPointer; len <= 0 -> ozrErrSize. */
+OzrResult ozrsMTFFwd_8u(const Ozr8u* pSrc, Ozr8u* pDst, int len, OzrsMTFState_8u* pMTFState);
+
+/* For each of the len ranks of pSrc writes the byte at that rank to pDst and moves
+ * it to the front. pSrc == pDst is allowed. Errors: as ozrsMTFFwd_8u. */
+OzrResult ozrsMTFInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int len, OzrsMTFState_8u* pMTFState);
+
+/* Zero-run codes MTF ranks into 16-bit symbols: a run of z zero ranks becomes z
+ * written in bijective base 2 with RUNA = 0 and RUNB = 1 (least significant digit
+ * first), a rank r > 0 the symbol r + 1. No end-of-block symbol is written.
+ * In: *pSrcLen ranks at *ppSrc, *pDstLen the room in symbols. Out: *ppSrc advanced
+ * and *pSrcLen reduced by the ranks consumed, *pDstLen = symbols written, and
+ * pFreqTable[s] (at least 257 entries, cleared by the caller before the block)
+ * increased for every symbol s written. A zero run pending at the end of the call
+ * is written, so one that spans two calls becomes two runs (which decode to the
+ * same ranks). Near the end of the room a run is cut to what the room holds and
+ * the rest left unconsumed. Returns ozrWarnDstSizeLess when ranks are left, else
+ * ozrOk. Errors: ppSrc, pDst, pSrcLen, pDstLen, *ppSrc or pFreqTable null ->
+ * ozrErrNullPointer; *pSrcLen or *pDstLen <= 0 -> ozrErrSize. */
+OzrResult ozrsEncodeZ1Z2_BZ2_8u16u(const Ozr8u** ppSrc, int* pSrcLen, Ozr16u* pDst, int* pDstLen,
+                                   int* pFreqTable);
+
+/* Decodes Z1Z2 symbols back to ranks: a run of RUNA/RUNB digits gives that many
+ * zeros, a symbol s >= 2 the rank s - 1 (low 8 bits). Out: *ppSrc advanced and
+ * *pSrcLen reduced by the symbols consumed, *pDstLen = ranks written. Returns
+ * ozrWarnDstSizeLess when symbols are left; a run that does not fit is counted as
+ * consumed but none of its zeros is written, so give a room that holds the whole
+ * block. Errors: ppSrc, pDst, pSrcLen, pDstLen or *ppSrc null ->
+ * ozrErrNullPointer; *pSrcLen or *pDstLen <= 0 -> ozrErrSize. */
+OzrResult ozrsDecodeZ1Z2_BZ2_16u8u(const Ozr16u** ppSrc, int* pSrcLen, Ozr8u* pDst, int* pDstLen);
+
+/* -- In-use alphabet reduction -- */
+
+/* Maps each of the len bytes x of pSrcDst to the number of in-use values below x
+ * (inUse: 256 entries of 0 or 1), so the values in use become 0..n-1 in order;
+ * *pSizeDictionary = n. Errors: a null pointer -> ozrErrNullPointer; len <= 0 ->
+ * ozrErrSize. */
+OzrResult ozrsReduceDictionary_8u_I(const Ozr8u inUse[256], Ozr8u* pSrcDst, int len, int* pSizeDictionary);
+
+/* The inverse: maps each byte k (< sizeDictionary) to the k-th value in use.
+ * Errors: inUse or pSrcDst null -> ozrErrNullPointer; len or sizeDictionary <= 0 ->
+ * ozrErrSize; sizeDictionary not the number of in-use values -> ozrErrFailed,
+ * with the buffer untouched. */
+OzrResult ozrsExpandDictionary_8u_I(const Ozr8u inUse[256], Ozr8u* pSrcDst, int len, int sizeDictionary);
 
 
 /* ==== bzip2 block Huffman coding ============================================== */
