@@ -10,4 +10,5 @@ set(OZRDC_BUILT_GROUPS
   lz4hc
   lzo
   zfp
+  bzip2_huff
 )

@@ -3,12 +3,10 @@
 // symbol coder, and the stages they call.
 #pragma once
 
+#include "bzip2_internal.h"
 #include "m7.h"
 
 extern "C" {
-// The move-to-front stage codes and decodes the selectors.
-OzrResult m7_ozrsMTFFwd_8u(const Ozr8u* pSrc, Ozr8u* pDst, int len, Ozr8u* pMTFState);
-OzrResult m7_ozrsMTFInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int len, Ozr8u* pMTFState);
 // The entry points of this part, declared here too so that the tests reach them
 // whether or not the group is exported.
 OzrResult m7_ozrsEncodeHuffGetSize_BZ2_16u8u(int n, int* pSize);
