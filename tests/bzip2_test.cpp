@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "test_data.h"
+#include <divsufsort.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -21,6 +22,10 @@ namespace {
 using Syms = std::vector<uint16_t>;
 
 Bytes str(const char* s) { return Bytes(s, s + std::strlen(s)); }
+Bytes operator+(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
 
 // Blocks with the shapes that stress each stage: text, noise, one byte value,
 // short periods, long runs mixed with noise.
@@ -78,6 +83,71 @@ Syms refZ1Z2(const Bytes& ranks) {
         out.push_back(static_cast<uint16_t>(r + 1));
     }
     flush();
+    return out;
+}
+
+// bzip2's initial run-length coding of a whole buffer.
+Bytes refRLE(const Bytes& in) {
+    Bytes out;
+    for (size_t i = 0; i < in.size();) {
+        size_t j = i;
+        while (j < in.size() && in[j] == in[i]) ++j;
+        size_t len = j - i;
+        for (; len >= 4; len -= std::min<size_t>(len, 259)) {
+            out.insert(out.end(), 4, in[i]);
+            out.push_back(static_cast<uint8_t>(std::min<size_t>(len, 259) - 4));
+        }
+        out.insert(out.end(), len, in[i]);
+        i = j;
+    }
+    return out;
+}
+
+// The last column by sorting the rotations themselves (small blocks only).
+Bytes refBWT(const Bytes& b, int* index) {
+    const size_t n = b.size();
+    std::vector<size_t> rot(n);
+    std::iota(rot.begin(), rot.end(), 0);
+    std::stable_sort(rot.begin(), rot.end(), [&](size_t x, size_t y) {
+        for (size_t k = 0; k < n; ++k) {
+            uint8_t a = b[(x + k) % n], c = b[(y + k) % n];
+            if (a != c) return a < c;
+        }
+        return false;
+    });
+    Bytes out(n);
+    for (size_t k = 0; k < n; ++k) {
+        out[k] = b[(rot[k] + n - 1) % n];
+        if (rot[k] == 0) *index = static_cast<int>(k);
+    }
+    return out;
+}
+
+// The cyclic last column through libdivsufsort: the suffixes of the doubled block
+// that start in its first half sort as the rotations (equal rotations tie either
+// way, which leaves the column unchanged).
+Bytes divsufsortBWT(const Bytes& b, int* index) {
+    const int n = static_cast<int>(b.size());
+    Bytes bb(b);
+    bb.insert(bb.end(), b.begin(), b.end());
+    std::vector<saidx_t> sa(2 * static_cast<size_t>(n));
+    EXPECT_EQ(divsufsort(bb.data(), sa.data(), 2 * n), 0);
+    Bytes out;
+    out.reserve(b.size());
+    for (saidx_t i : sa) {
+        if (i >= n) continue;
+        if (i == 0) *index = static_cast<int>(out.size());
+        out.push_back(b[(i + n - 1) % n]);
+    }
+    return out;
+}
+
+Bytes inverseBWT(const Bytes& last, int index) {
+    int size = 0;
+    EXPECT_EQ(m7_ozrsBWTInvGetSize_8u(static_cast<int>(last.size()), &size), ozrOk);
+    Bytes buf(static_cast<size_t>(size) + 1), out(last.size());
+    // An odd buffer address: the call aligns its 32-bit array itself.
+    EXPECT_EQ(m7_ozrsBWTInv_8u(last.data(), out.data(), static_cast<int>(last.size()), index, buf.data() + 1), ozrOk);
     return out;
 }
 
@@ -222,7 +292,7 @@ TEST(Z1Z2, EncoderWithAnyRoomNeverOverrunsAndContinuesExactly) {
     // Feeding the encoder with rooms of every small size: the output is always a
     // valid coding of the consumed ranks, and the pieces decode back to the block.
     Bytes ranks = refMTF(runsBytes(3000, 11));
-    ranks.insert(ranks.end(), 70000, 0);  // a run longer than the unchecked margin covers
+    ranks.insert(ranks.end(), 3000, 0);
     ranks.push_back(3);
     for (int room = 1; room <= 45; room += (room < 25 ? 1 : 7)) {
         std::vector<int> freq(258);
@@ -249,6 +319,24 @@ TEST(Z1Z2, EncoderWithAnyRoomNeverOverrunsAndContinuesExactly) {
         }
         ASSERT_EQ(decoded, ranks) << "room " << room;
     }
+}
+
+TEST(Z1Z2, RunsBeyondTwentyDigitsAreCodedWhole) {
+    Bytes ranks(3u << 20, 0);  // 22 digits: more than the unchecked margin holds
+    ranks.push_back(9);
+    std::vector<int> freq(258);
+    Syms s = encodeZ1Z2(ranks, 30, freq);
+    ASSERT_EQ(s, refZ1Z2(ranks));
+    OzrResult st;
+    int left;
+    Syms cut = encodeZ1Z2(ranks, 21, freq, &st, &left);  // the run fills the room, 9 waits
+    EXPECT_EQ(st, ozrWarnDstSizeLess);
+    EXPECT_EQ(cut.size(), 21u);
+    EXPECT_EQ(left, 1);
+    cut = encodeZ1Z2(ranks, 20, freq, &st, &left);  // cut to the longest 20-digit run
+    EXPECT_EQ(st, ozrWarnDstSizeLess);
+    EXPECT_EQ(cut, Syms(20, 1));
+    EXPECT_EQ(left, static_cast<int>(ranks.size()) - ((2 << 20) - 2));
 }
 
 TEST(Z1Z2, DecoderStopsBeforeARunThatDoesNotFit) {
@@ -296,6 +384,277 @@ TEST(Z1Z2, StatusesInCheckOrder) {
     EXPECT_EQ(m7_ozrsDecodeZ1Z2_BZ2_16u8u(&ps, &zero, r, &len), ozrErrSize);
     EXPECT_EQ(m7_ozrsDecodeZ1Z2_BZ2_16u8u(&ps, &len, r, &zero), ozrErrSize);
     EXPECT_EQ(len, 2);
+}
+
+// ---- BWT inverse ----------------------------------------------------------------
+
+TEST(BWTInverse, BananaAndSingleByte) {
+    EXPECT_EQ(inverseBWT(str("nnbaaa"), 3), str("banana"));
+    EXPECT_EQ(inverseBWT(str("Q"), 0), str("Q"));
+    int size = 0;
+    ASSERT_EQ(m7_ozrsBWTInvGetSize_8u(1000, &size), ozrOk);
+    EXPECT_EQ(size, 5024);
+}
+
+TEST(BWTInverse, RestoresBlocksOfEveryShape) {
+    for (size_t n : {2, 3, 7, 100, 1000}) {
+        for (const Bytes& b : sampleBlocks(n)) {
+            int index = -1;
+            Bytes last = refBWT(b, &index);
+            ASSERT_EQ(inverseBWT(last, index), b) << n;
+        }
+    }
+    for (const Bytes& b : sampleBlocks(300000)) {
+        int index = -1;
+        Bytes last = divsufsortBWT(b, &index);
+        ASSERT_EQ(inverseBWT(last, index), b);
+    }
+}
+
+TEST(BWTInverse, AnyColumnAndIndexDecodeWithoutFault) {
+    Bytes last = randomBytes(5000, 17);
+    for (int index : {0, 1, 4999, -5}) EXPECT_EQ(inverseBWT(last, index).size(), 5000u);
+}
+
+TEST(BWTInverse, StatusesInCheckOrder) {
+    Ozr8u a[8] = {}, buf[64];
+    int size = 0;
+    EXPECT_EQ(m7_ozrsBWTInvGetSize_8u(0, nullptr), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsBWTInvGetSize_8u(0, &size), ozrErrSize);
+    EXPECT_EQ(m7_ozrsBWTInv_8u(a, a, 0, 9, nullptr), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsBWTInv_8u(nullptr, a, 8, 0, buf), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsBWTInv_8u(a, a, 0, 0, buf), ozrErrSize);
+    EXPECT_EQ(m7_ozrsBWTInv_8u(a, a, 8, 8, buf), ozrErrSize);  // index == n is refused
+    EXPECT_EQ(m7_ozrsBWTInv_8u(a, a, 8, -1, buf), ozrOk);    // a negative one is not
+}
+
+// ---- RLE --------------------------------------------------------------------
+
+struct RLE {
+    OzrsRLEState_BZ2 st;
+    RLE(bool decode = false) {
+        EXPECT_EQ(decode ? m7_ozrsDecodeRLEStateInit_BZ2_8u(&st) : m7_ozrsEncodeRLEInit_BZ2_8u(&st), ozrOk);
+    }
+    // Encodes `in` in pieces of `piece` bytes with output rooms of `room`.
+    Bytes encode(const Bytes& in, size_t piece, int room, bool flush = true) {
+        Bytes out;
+        for (size_t pos = 0; pos < in.size();) {
+            const Ozr8u* p = in.data() + pos;
+            int left = static_cast<int>(std::min(piece, in.size() - pos));
+            while (left > 0) {
+                Bytes buf(static_cast<size_t>(room) + 1, 0xEE);
+                int srcLen = left, dstLen = room;
+                const Ozr8u* before = p;
+                OzrResult r = m7_ozrsEncodeRLE_BZ2_8u(&p, &srcLen, buf.data(), &dstLen, &st);
+                EXPECT_EQ(r, srcLen > 0 ? ozrWarnDstSizeLess : ozrOk);
+                EXPECT_EQ(p - before, left - srcLen);
+                EXPECT_EQ(buf[static_cast<size_t>(room)], 0xEE);
+                out.insert(out.end(), buf.begin(), buf.begin() + dstLen);
+                pos += static_cast<size_t>(left - srcLen);
+                left = srcLen;
+            }
+        }
+        if (flush) {
+            Ozr8u last[2] = {0, 0xEE};
+            int len = 1;
+            EXPECT_EQ(m7_ozrsEncodeRLEFlush_BZ2_8u(last, &len, &st), ozrOk);
+            out.insert(out.end(), last, last + len);
+        }
+        return out;
+    }
+    // Decodes the whole input in one piece into rooms of `room` bytes, then flushes.
+    Bytes decode(const Bytes& in, int room) {
+        Bytes out;
+        const Ozr8u* p = in.data();
+        int left = static_cast<int>(in.size());
+        for (int guard = 0; left > 0 && guard < 1000000; ++guard) {
+            Bytes buf(static_cast<size_t>(room) + 1, 0xEE);
+            Ozr8u* q = buf.data();
+            int srcLen = left, dstLen = room;
+            OzrResult r = m7_ozrsDecodeRLEState_BZ2_8u(&p, &srcLen, &q, &dstLen, &st);
+            EXPECT_TRUE(r == ozrOk || r == ozrWarnDstSizeLess) << r;
+            EXPECT_EQ(q - buf.data(), room - dstLen);
+            EXPECT_EQ(buf[static_cast<size_t>(room)], 0xEE);
+            out.insert(out.begin() + static_cast<long>(out.size()), buf.data(), q);
+            left = srcLen;
+        }
+        for (int guard = 0; st.runLen > 0 && guard < 1000000; ++guard) {
+            Bytes buf(static_cast<size_t>(room));
+            Ozr8u* q = buf.data();
+            int dstLen = room;
+            OzrResult r = m7_ozrsDecodeRLEStateFlush_BZ2_8u(&st, &q, &dstLen);
+            EXPECT_EQ(r, st.runLen > 0 ? ozrWarnDstSizeLess : ozrOk);
+            out.insert(out.end(), buf.data(), q);
+        }
+        return out;
+    }
+};
+
+TEST(RLE, ExactCodingOfRunsAtTheirEdges) {
+    int size = 0;
+    ASSERT_EQ(m7_ozrsRLEGetSize_BZ2_8u(&size), ozrOk);
+    EXPECT_EQ(size, 264);
+    EXPECT_EQ(sizeof(OzrsRLEState_BZ2), 264u);
+    {
+        RLE e;
+        EXPECT_EQ(e.encode(str("aaaa"), 4, 10), (Bytes{'a', 'a', 'a', 'a', 0}));
+        EXPECT_EQ(e.st.inUse['a'], 1);
+        EXPECT_EQ(e.st.inUse[0], 1);
+        EXPECT_EQ(std::count(e.st.inUse, e.st.inUse + 256, 1), 2);
+    }
+    Bytes run260(260, 'q');
+    Bytes want = {'q', 'q', 'q', 'q', 255, 'q'};
+    EXPECT_EQ(RLE().encode(run260, 260, 300), want);
+    EXPECT_EQ(RLE().encode(run260, 1, 300), want);  // one byte per call
+    // The count is written only when the run ends: not before the next byte.
+    RLE open;
+    EXPECT_EQ(open.encode(Bytes(7, 'z'), 7, 20, false), Bytes(4, 'z'));
+    EXPECT_EQ(open.st.runLen, 7);
+    EXPECT_EQ(open.st.lastSym, 'z');
+}
+
+TEST(RLE, EncoderRoomOfFourStopsBeforeTheCount) {
+    RLE e;
+    Bytes in = str("aaaab"), out(4);
+    const Ozr8u* p = in.data();
+    int srcLen = 5, dstLen = 4;
+    EXPECT_EQ(m7_ozrsEncodeRLE_BZ2_8u(&p, &srcLen, out.data(), &dstLen, &e.st), ozrWarnDstSizeLess);
+    EXPECT_EQ(out, str("aaaa"));
+    EXPECT_EQ(srcLen, 1);
+    EXPECT_EQ(e.st.runLen, 4);
+    dstLen = 4;
+    EXPECT_EQ(m7_ozrsEncodeRLE_BZ2_8u(&p, &srcLen, out.data(), &dstLen, &e.st), ozrOk);
+    EXPECT_EQ(dstLen, 2);
+    EXPECT_EQ(out[0], 0);
+    EXPECT_EQ(out[1], 'b');
+}
+
+TEST(RLE, EncoderEqualsReferenceForEveryPieceAndRoom) {
+    for (const Bytes& b : sampleBlocks(2000)) {
+        Bytes want = refRLE(b);
+        for (size_t piece : {1, 2, 3, 5, 258, 259, 260, 2000})
+            for (int room : {1, 2, 4, 5, 7, 300, 5000}) ASSERT_EQ(RLE().encode(b, piece, room), want) << piece << " " << room;
+        RLE e;
+        e.encode(b, 2000, 5000);
+        for (int v = 0; v < 256; ++v)
+            ASSERT_EQ(e.st.inUse[v], std::count(want.begin(), want.end(), v) > 0 ? 1 : 0) << v;
+    }
+}
+
+TEST(RLE, DecoderRestoresEveryBlockWithAnyRoom) {
+    for (const Bytes& b : sampleBlocks(5000)) {
+        Bytes coded = refRLE(b);
+        for (int room : {1, 2, 3, 4, 5, 17, 255, 259, 100000}) ASSERT_EQ(RLE(true).decode(coded, room), b) << room;
+    }
+}
+
+TEST(RLE, DecoderOwesWhatDoesNotFitAndMergesRunGroups) {
+    RLE d(true);
+    Bytes in = {'a', 'a', 'a', 'a', 200}, out(300);
+    const Ozr8u* p = in.data();
+    Ozr8u* q = out.data();
+    int srcLen = 5, dstLen = 100;
+    EXPECT_EQ(m7_ozrsDecodeRLEState_BZ2_8u(&p, &srcLen, &q, &dstLen, &d.st), ozrWarnDstSizeLess);
+    EXPECT_EQ(q - out.data(), 100);
+    EXPECT_EQ(dstLen, 0);
+    EXPECT_EQ(srcLen, 0);
+    EXPECT_EQ(d.st.runLen, 104);
+    dstLen = 200;
+    EXPECT_EQ(m7_ozrsDecodeRLEStateFlush_BZ2_8u(&d.st, &q, &dstLen), ozrOk);
+    EXPECT_EQ(q - out.data(), 204);
+    EXPECT_EQ(dstLen, 96);
+    EXPECT_EQ(d.st.lastSym, -1);
+    EXPECT_EQ(std::count(out.begin(), out.begin() + 204, 'a'), 204);
+
+    RLE m(true);
+    Bytes two = {'a', 'a', 'a', 'a', 0, 'a', 'a', 'a', 'a', 5, 'x', 'y', 'z'};
+    EXPECT_EQ(m.decode(two, 1000), Bytes(13, 'a') + str("xyz"));
+}
+
+TEST(RLE, DecoderTakesTheLastThreeBytesLiterally) {
+    // "bbbb" with its count among the last three bytes is not a run here.
+    EXPECT_EQ(RLE(true).decode(str("bbb"), 10), str("bbb"));
+    Bytes in = {'b', 'b', 'b', 'b', 2};
+    EXPECT_EQ(RLE(true).decode(in, 10), Bytes(6, 'b'));
+    Bytes cut = {'c', 'b', 'b', 'b', 'b'};  // the "count" would lie past the input
+    EXPECT_EQ(RLE(true).decode(cut, 10), cut);
+}
+
+TEST(RLE, StatusesInCheckOrder) {
+    OzrsRLEState_BZ2 st;
+    m7_ozrsEncodeRLEInit_BZ2_8u(&st);
+    Ozr8u b[8] = {};
+    Ozr8u* q = b;
+    Ozr8u* qnull = nullptr;
+    const Ozr8u* p = b;
+    const Ozr8u* pnull = nullptr;
+    int zero = 0, len = 4;
+    EXPECT_EQ(m7_ozrsRLEGetSize_BZ2_8u(nullptr), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsEncodeRLEInit_BZ2_8u(nullptr), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsDecodeRLEStateInit_BZ2_8u(nullptr), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsEncodeRLE_BZ2_8u(&p, &zero, nullptr, &zero, &st), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsEncodeRLE_BZ2_8u(&pnull, &zero, b, &zero, &st), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsEncodeRLE_BZ2_8u(&p, &zero, b, &zero, nullptr), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsEncodeRLE_BZ2_8u(&p, &zero, b, &len, &st), ozrErrSize);
+    EXPECT_EQ(m7_ozrsEncodeRLE_BZ2_8u(&p, &len, b, &zero, &st), ozrErrSize);
+    EXPECT_EQ(m7_ozrsEncodeRLEFlush_BZ2_8u(b, nullptr, &st), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsEncodeRLEFlush_BZ2_8u(b, &zero, &st), ozrErrSize);
+    EXPECT_EQ(m7_ozrsDecodeRLEState_BZ2_8u(&p, &zero, nullptr, &zero, &st), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsDecodeRLEState_BZ2_8u(&p, &zero, &qnull, &zero, &st), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsDecodeRLEState_BZ2_8u(&p, &zero, &q, &zero, &st), ozrErrSize);
+    EXPECT_EQ(m7_ozrsDecodeRLEState_BZ2_8u(&p, &len, &q, &zero, &st), ozrErrSize);
+    EXPECT_EQ(m7_ozrsDecodeRLEStateFlush_BZ2_8u(&st, &qnull, &len), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsDecodeRLEStateFlush_BZ2_8u(&st, &q, &zero), ozrOk);  // no room check
+    EXPECT_EQ(m7_ozrsRLEGetInUseTable_8u(b, nullptr), ozrErrNullPointer);
+    EXPECT_EQ(q, b);
+    EXPECT_EQ(p, b);
+}
+
+// ---- Alphabet reduction -------------------------------------------------------
+
+TEST(Dictionary, ReduceAndExpandMapTheValuesInUse) {
+    Ozr8u inUse[256] = {};
+    inUse['a'] = inUse['z'] = 1;
+    Bytes buf = str("azza"), copy = buf;
+    int size = 0;
+    ASSERT_EQ(m7_ozrsReduceDictionary_8u_I(inUse, buf.data(), 4, &size), ozrOk);
+    EXPECT_EQ(size, 2);
+    EXPECT_EQ(buf, (Bytes{0, 1, 1, 0}));
+    ASSERT_EQ(m7_ozrsExpandDictionary_8u_I(inUse, buf.data(), 4, 2), ozrOk);
+    EXPECT_EQ(buf, copy);
+    Bytes m = str("m");  // not in use: the index of the next value in use
+    ASSERT_EQ(m7_ozrsReduceDictionary_8u_I(inUse, m.data(), 1, &size), ozrOk);
+    EXPECT_EQ(m[0], 1);
+    Bytes keep = {0, 1};
+    EXPECT_EQ(m7_ozrsExpandDictionary_8u_I(inUse, keep.data(), 2, 3), ozrErrFailed);
+    EXPECT_EQ(keep, (Bytes{0, 1}));
+}
+
+TEST(Dictionary, RoundTripOfTheTableTheEncoderCollected) {
+    for (const Bytes& b : sampleBlocks(3001)) {
+        RLE e;
+        Bytes coded = e.encode(b, 1000, 10000), buf = coded;
+        Ozr8u inUse[256];
+        ASSERT_EQ(m7_ozrsRLEGetInUseTable_8u(inUse, &e.st), ozrOk);
+        ASSERT_EQ(0, std::memcmp(inUse, e.st.inUse, 256));
+        int size = 0;
+        ASSERT_EQ(m7_ozrsReduceDictionary_8u_I(inUse, buf.data(), static_cast<int>(buf.size()), &size), ozrOk);
+        ASSERT_EQ(size, std::count(inUse, inUse + 256, 1));
+        ASSERT_LT(*std::max_element(buf.begin(), buf.end()), size);
+        ASSERT_EQ(m7_ozrsExpandDictionary_8u_I(inUse, buf.data(), static_cast<int>(buf.size()), size), ozrOk);
+        ASSERT_EQ(buf, coded);
+    }
+}
+
+TEST(Dictionary, StatusesInCheckOrder) {
+    Ozr8u inUse[256] = {}, b[4] = {};
+    int size = 0;
+    EXPECT_EQ(m7_ozrsReduceDictionary_8u_I(inUse, b, 0, nullptr), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsReduceDictionary_8u_I(inUse, b, 0, &size), ozrErrSize);
+    EXPECT_EQ(m7_ozrsExpandDictionary_8u_I(nullptr, b, 0, 0), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsExpandDictionary_8u_I(inUse, b, 0, 5), ozrErrSize);
+    EXPECT_EQ(m7_ozrsExpandDictionary_8u_I(inUse, b, 4, 0), ozrErrSize);
+    EXPECT_EQ(m7_ozrsExpandDictionary_8u_I(inUse, b, 4, 1), ozrErrFailed);
 }
 
 }  // namespace

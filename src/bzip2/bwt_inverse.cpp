@@ -1,0 +1,119 @@
+// Inverse Burrows-Wheeler transform.
+//
+// With C[c] the first sorted row that starts with byte c, the rows that start with c
+// are, in order, the rotations that follow the occurrences of c in the last column
+// L, in order. So T[C[L[i]]++] = i, taken over i = 0..n-1, maps each row to the row
+// of the rotation one byte further on, and walking p = T[p] from the primary index
+// spells the block: output[k] = L[p] after the k-th step.
+//
+// The walk is one dependent load per byte, so its speed is the memory latency of
+// the link array. Each link carries the byte it leads to in its low 8 bits
+// (link[j] = T[j] << 8 | L[T[j]]), which makes the walk one load per byte from one
+// array instead of two from two. That needs n < 2^24; longer blocks use the plain
+// form.
+#include "bzip2_internal.h"
+
+namespace {
+
+constexpr int kMaxPackedLen = 1 << 24;
+
+// Byte counts of src: four tables so that runs of one byte value do not chain
+// every increment through the same counter.
+void countBytes(const Ozr8u* src, int n, Ozr32u* counts) {
+    Ozr32u c[4][256];
+    for (int t = 0; t < 4; ++t)
+        for (int v = 0; v < 256; ++v) c[t][v] = 0;
+    int i = 0;
+    for (; i + 4 <= n; i += 4) {
+        ++c[0][src[i]];
+        ++c[1][src[i + 1]];
+        ++c[2][src[i + 2]];
+        ++c[3][src[i + 3]];
+    }
+    for (; i < n; ++i) ++c[0][src[i]];
+    for (int v = 0; v < 256; ++v) counts[v] = c[0][v] + c[1][v] + c[2][v] + c[3][v];
+}
+
+// Exclusive running sums of the counts: the first row of each leading byte.
+void firstRows(const Ozr32u* counts, Ozr32u* start) {
+    Ozr32u sum = 0;
+    for (int v = 0; v < 256; ++v) {
+        start[v] = sum;
+        sum += counts[v];
+    }
+}
+
+// Follows the packed links from row p for n bytes.
+inline void walkPacked(const Ozr32u* link, Ozr32u p, Ozr8u* dst, int n) {
+    int k = 0;
+    for (; k + 4 <= n; k += 4) {
+        Ozr32u e0 = link[p];
+        dst[k] = static_cast<Ozr8u>(e0);
+        Ozr32u e1 = link[e0 >> 8];
+        dst[k + 1] = static_cast<Ozr8u>(e1);
+        Ozr32u e2 = link[e1 >> 8];
+        dst[k + 2] = static_cast<Ozr8u>(e2);
+        Ozr32u e3 = link[e2 >> 8];
+        dst[k + 3] = static_cast<Ozr8u>(e3);
+        p = e3 >> 8;
+    }
+    for (; k < n; ++k) {
+        Ozr32u e = link[p];
+        dst[k] = static_cast<Ozr8u>(e);
+        p = e >> 8;
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+void m7_ownsBWTInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int n, int index, const Ozr32u* counts, Ozr32u* pLink) {
+    Ozr32u start[256];
+    firstRows(counts, start);
+    if (n < kMaxPackedLen) {
+        for (int i = 0; i < n; ++i) {
+            Ozr8u c = pSrc[i];
+            pLink[start[c]++] = static_cast<Ozr32u>(i) << 8 | c;
+        }
+        walkPacked(pLink, static_cast<Ozr32u>(index), pDst, n);
+        return;
+    }
+    for (int i = 0; i < n; ++i) pLink[start[pSrc[i]]++] = static_cast<Ozr32u>(i);
+    Ozr32u p = static_cast<Ozr32u>(index);
+    for (int k = 0; k < n; ++k) {
+        p = pLink[p];
+        pDst[k] = pSrc[p];
+    }
+}
+
+void m7_ownsBWTInvLinked_8u(Ozr32u* pLink, Ozr8u* pDst, int n, int index, const Ozr32u* counts) {
+    Ozr32u start[256];
+    firstRows(counts, start);
+    for (int i = 0; i < n; ++i) pLink[start[pLink[i] & 0xFF]++] |= static_cast<Ozr32u>(i) << 8;
+    walkPacked(pLink, pLink[index] >> 8, pDst, n);
+}
+
+OzrResult m7_ozrsBWTInvGetSize_8u(int n, int* pSize) {
+    OZR_CHECK_NULL(pSize);
+    OZR_CHECK_POSITIVE(n);
+    *pSize = 4 * n + 1024;
+    return ozrOk;
+}
+
+OzrResult m7_ozrsBWTInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int n, int index, Ozr8u* pBuffer) {
+    OZR_CHECK_NULL(pSrc, pDst, pBuffer);
+    OZR_CHECK_POSITIVE(n);
+    if (index >= n) return ozrErrSize;
+    if (n == 1) return m7_ozrsCopy_8u(pSrc, pDst, 1);
+    if (index < 0) index = 0;
+    // The 1024 bytes of counters are kept on the stack; the slack serves to align
+    // the link array for 32-bit access.
+    Ozr32u counts[256];
+    countBytes(pSrc, n, counts);
+    Ozr8u* aligned = pBuffer + ((4 - (reinterpret_cast<uintptr_t>(pBuffer) & 3)) & 3);
+    m7_ownsBWTInv_8u(pSrc, pDst, n, index, counts, reinterpret_cast<Ozr32u*>(aligned));
+    return ozrOk;
+}
+
+}  // extern "C"
