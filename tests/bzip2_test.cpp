@@ -151,6 +151,29 @@ Bytes inverseBWT(const Bytes& last, int index) {
     return out;
 }
 
+// Forward transform through the library with a buffer of exactly the stated size
+// at an odd address.
+Bytes forwardBWT(const Bytes& b, int* index, int mode = -1, OzrResult* status = nullptr) {
+    const int n = static_cast<int>(b.size());
+    int size = 0;
+    if (mode < 0) {
+        EXPECT_EQ(m7_ozrsBWTFwdGetSize_8u(n, &size), ozrOk);
+    } else {
+        EXPECT_EQ(m7_ozrsBWTFwdGetBufSize_SelectSort_8u(n, &size, mode), ozrOk);
+    }
+    Bytes buf(static_cast<size_t>(size) + 1), out(b.size());
+    Bytes src = b;
+    OzrResult r = mode < 0 ? m7_ozrsBWTFwd_8u(src.data(), out.data(), n, index, buf.data() + 1)
+                           : m7_ozrsBWTFwd_SelectSort_8u(src.data(), out.data(), n, index, buf.data() + 1, mode);
+    if (status) {
+        *status = r;
+    } else {
+        EXPECT_EQ(r, ozrOk);
+    }
+    EXPECT_EQ(src, b);
+    return out;
+}
+
 // ---- MTF --------------------------------------------------------------------
 
 TEST(MTF, SizeInitAndTheBbbExample) {
@@ -655,6 +678,112 @@ TEST(Dictionary, StatusesInCheckOrder) {
     EXPECT_EQ(m7_ozrsExpandDictionary_8u_I(inUse, b, 0, 5), ozrErrSize);
     EXPECT_EQ(m7_ozrsExpandDictionary_8u_I(inUse, b, 4, 0), ozrErrSize);
     EXPECT_EQ(m7_ozrsExpandDictionary_8u_I(inUse, b, 4, 1), ozrErrFailed);
+}
+
+// ---- BWT forward ----------------------------------------------------------------
+
+TEST(BWTForward, BananaSingleByteAndSizes) {
+    int index = -1;
+    EXPECT_EQ(forwardBWT(str("banana"), &index), str("nnbaaa"));
+    EXPECT_EQ(index, 3);
+    EXPECT_EQ(forwardBWT(str("Z"), &index), str("Z"));
+    EXPECT_EQ(index, 0);
+    int size = 0;
+    ASSERT_EQ(m7_ozrsBWTFwdGetSize_8u(10, &size), ozrOk);
+    EXPECT_EQ(size, 6 * 10 + 524484);
+    ASSERT_EQ(m7_ozrsBWTFwdGetSize_8u(900000, &size), ozrOk);
+    EXPECT_EQ(size, 18 * 900000 + 80);
+    const int want[4] = {6 * 1000 + 524484, 6 * 1000 + 524484, 18 * 1000 + 80, 6 * 1000 + 524484};
+    for (int mode = 0; mode < 4; ++mode) {
+        ASSERT_EQ(m7_ozrsBWTFwdGetBufSize_SelectSort_8u(1000, &size, mode), ozrOk);
+        EXPECT_EQ(size, want[mode]);
+    }
+    ASSERT_EQ(m7_ozrsBWTFwdGetBufSize_SelectSort_8u(-1000, &size, -3), ozrOk);  // any mode below 2
+    size = 77;
+    ASSERT_EQ(m7_ozrsBWTFwdGetBufSize_SelectSort_8u(1000, &size, 4), ozrOk);
+    EXPECT_EQ(size, 77);
+}
+
+TEST(BWTForward, EveryModeMatchesSortedRotationsOnSmallBlocks) {
+    std::vector<Bytes> blocks;
+    for (size_t n : {2, 3, 5, 11, 99, 100, 101, 257, 1500})
+        for (const Bytes& b : sampleBlocks(n)) blocks.push_back(b);
+    blocks.push_back(str("abababababababababababab"));
+    blocks.push_back(str("mississippi"));
+    for (const Bytes& b : blocks) {
+        int want = -1;
+        Bytes last = refBWT(b, &want);
+        for (int mode = -1; mode < 4; ++mode) {
+            int index = -1;
+            OzrResult st = ozrOk;
+            Bytes got = forwardBWT(b, &index, mode, &st);
+            if (mode == 0 && st == ozrWarnBWTSortLimit && b.size() >= 100) continue;
+            ASSERT_EQ(st, ozrOk);
+            ASSERT_EQ(got, last) << b.size() << " mode " << mode;
+            // Equal rotations may stand in either order; the block must come back.
+            ASSERT_EQ(inverseBWT(last, index), b);
+        }
+    }
+}
+
+TEST(BWTForward, LargeBlocksMatchLibdivsufsort) {
+    std::vector<Bytes> blocks = sampleBlocks(200000);
+    Bytes twoHalves = randomBytes(100000, 8);  // a long repeat: hard for bucket sorts
+    twoHalves.insert(twoHalves.end(), twoHalves.begin(), twoHalves.end());
+    twoHalves[150000] ^= 1;
+    blocks.push_back(twoHalves);
+    for (const Bytes& b : blocks) {
+        int want = -1;
+        Bytes last = divsufsortBWT(b, &want);
+        for (int mode : {-1, 1, 2, 3}) {
+            int index = -1;
+            ASSERT_EQ(forwardBWT(b, &index, mode), last) << "mode " << mode;
+            ASSERT_EQ(inverseBWT(last, index), b);
+        }
+    }
+}
+
+TEST(BWTForward, ModeZeroStopsAtItsWorkLimitOnRepetitiveBlocks) {
+    for (const Bytes& b : {Bytes(200000, 0), periodicBytes(150000, 5, 3)}) {
+        OzrResult st = ozrOk;
+        int index = -1;
+        forwardBWT(b, &index, 0, &st);
+        EXPECT_EQ(st, ozrWarnBWTSortLimit);
+    }
+    for (const Bytes& b : {textBytes(200000, 3), randomBytes(200000, 4)}) {
+        OzrResult st = ozrErr;
+        int index = -1, want = -1;
+        Bytes last = forwardBWT(b, &index, 0, &st);
+        EXPECT_EQ(st, ozrOk);
+        EXPECT_EQ(last, divsufsortBWT(b, &want));
+    }
+}
+
+TEST(BWTForward, OtherModesDoNothingButSmallBlocksAreSortedAnyway) {
+    Bytes b = textBytes(500, 1), out(500, 0xEE), buf(18 * 500 + 80 + 524484);
+    int index = -7;
+    EXPECT_EQ(m7_ozrsBWTFwd_SelectSort_8u(b.data(), out.data(), 500, &index, buf.data(), 4), ozrOk);
+    EXPECT_EQ(out, Bytes(500, 0xEE));
+    EXPECT_EQ(index, -7);
+    int want = -1;
+    Bytes small = str("a small block of text");
+    Bytes o2(small.size());
+    EXPECT_EQ(m7_ozrsBWTFwd_SelectSort_8u(small.data(), o2.data(), static_cast<int>(small.size()), &index,
+                                          buf.data(), 9), ozrOk);
+    EXPECT_EQ(o2, refBWT(small, &want));
+}
+
+TEST(BWTForward, StatusesInCheckOrder) {
+    Ozr8u a[8] = {}, buf[16];
+    int index = 0, size = 0;
+    EXPECT_EQ(m7_ozrsBWTFwdGetSize_8u(0, nullptr), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsBWTFwdGetSize_8u(0, &size), ozrErrSize);
+    EXPECT_EQ(m7_ozrsBWTFwdGetBufSize_SelectSort_8u(0, nullptr, 0), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsBWTFwdGetBufSize_SelectSort_8u(0, &size, 0), ozrErrSize);
+    EXPECT_EQ(m7_ozrsBWTFwd_8u(a, a, 0, &index, nullptr), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsBWTFwd_8u(a, a, 0, &index, buf), ozrErrSize);
+    EXPECT_EQ(m7_ozrsBWTFwd_SelectSort_8u(a, a, 0, nullptr, buf, 9), ozrErrNullPointer);
+    EXPECT_EQ(m7_ozrsBWTFwd_SelectSort_8u(a, a, -1, &index, buf, 9), ozrErrSize);
 }
 
 }  // namespace
