@@ -4,9 +4,16 @@
 #include <gtest/gtest.h>
 #include <bzlib.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <numeric>
 #include <random>
 #include <string>
@@ -693,4 +700,110 @@ TEST(Bzip2DecodeBlock, StatusesInCheckOrder) {
     ASSERT_EQ(m7_ozrsDecodeBlock_BZ2_16u8u(syms, 1, out, &room, 0, 1, inUse, work), ozrOk);
     EXPECT_EQ(room, 1);
     EXPECT_EQ(out[0], 'a');
+}
+
+// ---- The ozrdc tool's .bz2 files against the bzip2, lbzip2 and pbzip2 tools ----------------
+
+namespace {
+
+namespace fs = std::filesystem;
+
+int sh(const std::string& cmd) {
+    const int st = std::system(("( " + cmd + " ) 2>/dev/null").c_str());
+    return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+}
+std::string shOut(const std::string& cmd) {
+    std::string out;
+    if (FILE* p = popen((cmd + " 2>&1").c_str(), "r")) {
+        char buf[4096];
+        size_t n;
+        while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+        pclose(p);
+    }
+    return out;
+}
+Bytes readFile(const fs::path& p) {
+    std::ifstream f(p, std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(f), {});
+}
+void writeFile(const fs::path& p, const Bytes& b) {
+    std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
+}
+
+class Bzip2Tool : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir = fs::temp_directory_path() / ("ozrdc_bzip2_test_" + std::to_string(::getpid()));
+        fs::create_directories(dir);
+        // Two blocks at level 1, runs, text and binary mixed.
+        data = textBytes(150000, 21);
+        Bytes runs = runsBytes(40000, 22), bin = randomBytes(30000, 23);
+        data.insert(data.end(), runs.begin(), runs.end());
+        data.insert(data.end(), bin.begin(), bin.end());
+        writeFile(dir / "in", data);
+    }
+    void TearDown() override { fs::remove_all(dir); }
+    std::string tool() const { return OZRDC_TOOL_PATH; }
+    std::string q(const char* name) const { return "'" + (dir / name).string() + "'"; }
+    fs::path dir;
+    Bytes data;
+};
+
+}  // namespace
+
+TEST_F(Bzip2Tool, OurFilesDecodeWithEveryBzip2ToolAndTheirsWithOurs) {
+    for (const char* level : {"1", "9"}) {
+        for (const char* threads : {"1", "2"}) {
+            ASSERT_EQ(sh(tool() + " compress -f -F bzip2 -L " + level + " -T " + threads + " " + q("in") + " -o " + q("ours.bz2")), 0);
+            for (const char* peer : {"bzip2", "lbzip2", "pbzip2"}) {
+                ASSERT_EQ(sh(std::string(peer) + " -dc " + q("ours.bz2") + " > " + q("back")), 0) << peer << " level " << level;
+                EXPECT_EQ(readFile(dir / "back"), data) << peer;
+            }
+        }
+    }
+    for (const char* peer : {"bzip2 -1", "bzip2 -9", "lbzip2 -1", "pbzip2 -9 -p2"}) {
+        ASSERT_EQ(sh(std::string(peer) + " -c " + q("in") + " > " + q("theirs.bz2")), 0) << peer;
+        for (const char* threads : {"1", "2"}) {
+            ASSERT_EQ(sh(tool() + " decompress -f -T " + threads + " " + q("theirs.bz2") + " -o " + q("back")), 0) << peer;
+            EXPECT_EQ(readFile(dir / "back"), data) << peer;
+        }
+    }
+}
+
+TEST_F(Bzip2Tool, MultiStreamAndEmptyFilesRoundTrip) {
+    // pbzip2 writes one stream per block; concatenated files are multi-stream too.
+    ASSERT_EQ(sh("bzip2 -1 -c " + q("in") + " > " + q("a.bz2")), 0);
+    ASSERT_EQ(sh(tool() + " compress -f -F bzip2 -L 2 " + q("in") + " -o " + q("b.bz2")), 0);
+    ASSERT_EQ(sh("cat " + q("a.bz2") + " " + q("b.bz2") + " > " + q("ab.bz2")), 0);
+    ASSERT_EQ(sh(tool() + " decompress -f " + q("ab.bz2") + " -o " + q("back")), 0);
+    Bytes twice = data;
+    twice.insert(twice.end(), data.begin(), data.end());
+    EXPECT_EQ(readFile(dir / "back"), twice);
+    writeFile(dir / "empty", {});
+    ASSERT_EQ(sh(tool() + " compress -f -F bzip2 " + q("empty") + " -o " + q("empty.bz2")), 0);
+    ASSERT_EQ(sh("bzip2 -dc " + q("empty.bz2") + " > " + q("back")), 0);
+    EXPECT_TRUE(readFile(dir / "back").empty());
+    ASSERT_EQ(sh(tool() + " decompress -f " + q("empty.bz2") + " -o " + q("back")), 0);
+    EXPECT_TRUE(readFile(dir / "back").empty());
+}
+
+TEST_F(Bzip2Tool, CorruptOrTruncatedFilesFailWithAMessageAndNoOutput) {
+    ASSERT_EQ(sh("bzip2 -9 -c " + q("in") + " > " + q("good.bz2")), 0);
+    const Bytes good = readFile(dir / "good.bz2");
+    struct Case { const char* name; Bytes file; const char* message; };
+    Bytes truncated(good.begin(), good.begin() + static_cast<long>(good.size() / 2));
+    Bytes flipped = good;
+    flipped[good.size() / 3] ^= 0x10;
+    Bytes noEnd(good.begin(), good.end() - 6);
+    Bytes badCrc = good;
+    badCrc[10] ^= 1;  // inside the first block's CRC
+    for (const Case& c : {Case{"truncated", truncated, "end of file"}, Case{"flipped", flipped, "bzip2"},
+                          Case{"no end marker", noEnd, "end of file"}, Case{"block crc", badCrc, "CRC"}}) {
+        writeFile(dir / "bad.bz2", c.file);
+        fs::remove(dir / "out");
+        const std::string msg = shOut("( " + tool() + " decompress -f " + q("bad.bz2") + " -o " + q("out") + " ) 2>&1; echo status=$?");
+        EXPECT_EQ(msg.find("status=0"), std::string::npos) << c.name << ": " << msg;
+        EXPECT_NE(msg.find(c.message), std::string::npos) << c.name << ": " << msg;
+        EXPECT_FALSE(fs::exists(dir / "out")) << c.name;
+    }
 }

@@ -4,8 +4,8 @@
 // at once, with the move-to-front list holding byte values (the in-use alphabet
 // mapped in from the start), and stores each byte in the low 8 bits of a 32-bit
 // work word while counting it. The inverse Burrows-Wheeler transform then threads
-// the successor links through the high 24 bits of the same words (hence blocks
-// below 2^24 bytes) and follows them from the origin pointer.
+// the predecessor links through the high 24 bits of the same words (hence blocks
+// below 2^24 bytes) and follows them from the origin pointer, last byte first.
 #include "bzip2_huff.h"
 
 namespace {
@@ -80,14 +80,19 @@ OzrResult m7_ozrsDecodeBlock_BZ2_16u8u(const Ozr16u* pSrc, int srcLen, Ozr8u* pD
         return ozrErrFailed;
     }
 
-    // Inverse transform: C[c] is the first sorted row starting with c; row C[L[i]]
-    // (taken in order) continues at i.
+    // Inverse transform, walked backwards: LF[i] = C[L[i]] + (occurrences of L[i]
+    // before i) is the row whose rotation starts one byte earlier, and the block ends
+    // with L[index]. LF comes out in sequential order (no scattered writes, unlike the
+    // forward links), so only the walk itself is a chain of dependent loads.
     Ozr32u start[256];
     Ozr32u sum = 0;
     for (int c = 0; c < 256; ++c) { start[c] = sum; sum += count[c]; }
-    for (int k = 0; k < n; ++k) tt[start[tt[k] & 0xFF]++] |= static_cast<Ozr32u>(k) << 8;
-    Ozr32u p = tt[index] >> 8;
     for (int k = 0; k < n; ++k) {
+        const Ozr32u t = tt[k];
+        tt[k] = t | start[t & 0xFF]++ << 8;
+    }
+    Ozr32u p = static_cast<Ozr32u>(index);
+    for (int k = n - 1; k >= 0; --k) {
         const Ozr32u t = tt[p];
         pDst[k] = static_cast<Ozr8u>(t);
         p = t >> 8;
