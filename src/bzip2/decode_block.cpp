@@ -82,20 +82,40 @@ OzrResult m7_ozrsDecodeBlock_BZ2_16u8u(const Ozr16u* pSrc, int srcLen, Ozr8u* pD
 
     // Inverse transform, walked backwards: LF[i] = C[L[i]] + (occurrences of L[i]
     // before i) is the row whose rotation starts one byte earlier, and the block ends
-    // with L[index]. LF comes out in sequential order (no scattered writes, unlike the
-    // forward links), so only the walk itself is a chain of dependent loads.
-    Ozr32u start[256];
+    // with L[index]. LF comes out in sequential order (no scattered writes), so only
+    // the walk is a chain of dependent loads, and it is kept small: 3-byte links
+    // (the bytes move to the top quarter of the buffer first), and no byte stored
+    // beside them, since L[p] = F[LF[p]] is the byte whose bucket holds row LF[p].
+    Ozr32u first[257];
     Ozr32u sum = 0;
-    for (int c = 0; c < 256; ++c) { start[c] = sum; sum += count[c]; }
-    for (int k = 0; k < n; ++k) {
-        const Ozr32u t = tt[k];
-        tt[k] = t | start[t & 0xFF]++ << 8;
+    for (int c = 0; c < 256; ++c) { first[c] = sum; sum += count[c]; }
+    first[256] = 0xFFFFFFFFu;
+    Ozr8u* const links = pBuffer;
+    Ozr8u* const bytes = pBuffer + 3 * static_cast<size_t>(n);
+    // Backwards, so that no byte lands on a word not yet read.
+    for (int k = n - 1; k >= 0; --k) bytes[k] = static_cast<Ozr8u>(tt[k]);
+    {
+        Ozr32u next[256];
+        for (int c = 0; c < 256; ++c) next[c] = first[c];
+        for (int k = 0; k < n; ++k) {
+            const Ozr32u v = next[bytes[k]]++;
+            Ozr8u* e = links + 3 * static_cast<size_t>(k);
+            e[0] = static_cast<Ozr8u>(v);
+            e[1] = static_cast<Ozr8u>(v >> 8);
+            e[2] = static_cast<Ozr8u>(v >> 16);
+        }
     }
     Ozr32u p = static_cast<Ozr32u>(index);
     for (int k = n - 1; k >= 0; --k) {
-        const Ozr32u t = tt[p];
-        pDst[k] = static_cast<Ozr8u>(t);
-        p = t >> 8;
+        Ozr32u v;
+        __builtin_memcpy(&v, links + 3 * static_cast<size_t>(p), 4);  // the 4th byte lies inside the buffer
+        v &= 0xFFFFFF;
+        // The bucket of row v: the largest c with first[c] <= v.
+        unsigned c = 0;
+        for (unsigned step = 128; step != 0; step >>= 1)
+            if (first[c + step] <= v) c += step;
+        pDst[k] = static_cast<Ozr8u>(c);
+        p = v;
     }
     *pDstLen = n;
     return ozrOk;
