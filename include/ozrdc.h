@@ -690,7 +690,7 @@ OzrResult ozrsDecodeHuffInit_BZ2_8u16u(int alphaSize, OzrsDecodeHuffState_BZ2* p
  * and builds the decoding tables. Resumable: when the input ends inside the section
  * it returns ozrWarnSrcSizeLess having consumed all of it, and the next call with
  * more input goes on where it stopped (keep the accumulator). *ppSrc / *pSrcLen
- * advance and shrink by the bytes taken in; after ozrOk up to 31 bits of what
+ * advance and shrink by the bytes taken in; after ozrOk up to 32 bits of what
  * follows may be pending. Errors: any pointer null or *ppSrc null ->
  * ozrErrNullPointer; *pSrcLen < 1 -> ozrErrSize; a table count outside 2..6, a
  * selector count of 0 or above 18002, a selector rank

@@ -6,6 +6,8 @@
 // work word while counting it. The inverse Burrows-Wheeler transform then threads
 // the predecessor links through the high 24 bits of the same words (hence blocks
 // below 2^24 bytes) and follows them from the origin pointer, last byte first.
+#include <emmintrin.h>
+
 #include "bzip2_huff.h"
 
 namespace {
@@ -28,7 +30,7 @@ OzrResult m7_ozrsDecodeBlock_BZ2_16u8u(const Ozr16u* pSrc, int srcLen, Ozr8u* pD
     if (sizeDictionary > 256) return ozrErrSize;
 
     // The move-to-front list starts as the values in use, in increasing order.
-    alignas(16) Ozr8u list[256];
+    alignas(16) Ozr8u list[256 + 16];
     int nInUse = 0;
     for (int v = 0; v < 256; ++v)
         if (inUse[v]) list[nInUse++] = static_cast<Ozr8u>(v);
@@ -69,7 +71,13 @@ OzrResult m7_ozrsDecodeBlock_BZ2_16u8u(const Ozr16u* pSrc, int srcLen, Ozr8u* pD
             return ozrErrFailed;
         }
         const Ozr8u b = list[r];
-        for (unsigned k = r; k > 0; --k) list[k] = list[k - 1];
+        // Entries 0..r-1 move up one place: 16 bytes at a time from the top (each
+        // load lies below the stores already made), the last few one by one.
+        unsigned k = r;
+        for (; k >= 16; k -= 16)
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(list + k - 15),
+                             _mm_loadu_si128(reinterpret_cast<const __m128i*>(list + k - 16)));
+        for (; k > 0; --k) list[k] = list[k - 1];
         list[0] = b;
         tt[n++] = b;
         count[b]++;
