@@ -336,8 +336,22 @@ private:
     int bits_ = 0;
 };
 
+// A byte buffer that grows without clearing what it adds (the RLE decoder fills it).
+struct RawBytes {
+    std::unique_ptr<uint8_t[]> p;
+    size_t size = 0, cap = 0;
+    void grow(size_t want) {
+        if (want <= cap) return;
+        std::unique_ptr<uint8_t[]> q(new uint8_t[want]);
+        if (size) std::memcpy(q.get(), p.get(), size);
+        p = std::move(q);
+        cap = want;
+    }
+    uint8_t* data() { return p.get(); }
+};
+
 struct DecodedBlock {
-    Buf bytes;
+    RawBytes bytes;
     std::string error;
 };
 
@@ -351,7 +365,7 @@ DecodedBlock finishBlock(const std::vector<Ozr16u>& syms, int nSyms, int origPtr
     DecodedBlock d;
     auto fail = [&](const std::string& why) {
         d.error = "bzip2: data error in block " + std::to_string(blockNo) + ": " + why;
-        return d;
+        return std::move(d);
     };
     if (nSyms < 1) return fail("empty block");
     if (origPtr >= maxBlock) return fail("origin pointer out of range");
@@ -371,12 +385,15 @@ DecodedBlock finishBlock(const std::vector<Ozr16u>& syms, int nSyms, int origPtr
     const Ozr8u* src = block.data();
     int srcLen = len;
     Ozr32u got = 0;
-    d.bytes.resize(static_cast<size_t>(len) + (static_cast<size_t>(len) >> 2) + 4096);
+    d.bytes.grow(static_cast<size_t>(len) + (static_cast<size_t>(len) >> 2) + 4096);
     size_t outPos = 0;
     for (;;) {
-        if (d.bytes.size() - outPos < 1024) d.bytes.resize(d.bytes.size() * 2);
+        if (d.bytes.cap - outPos < 1024) {
+            d.bytes.size = outPos;
+            d.bytes.grow(d.bytes.cap * 2);
+        }
         Ozr8u* dst = d.bytes.data() + outPos;
-        int room = static_cast<int>(std::min<size_t>(d.bytes.size() - outPos, 1u << 30));
+        int room = static_cast<int>(std::min<size_t>(d.bytes.cap - outPos, 1u << 30));
         const int before = room;
         if (srcLen > 0) r = ozrsDecodeRLEState_BZ2_8u(&src, &srcLen, &dst, &room, rle);
         else r = ozrsDecodeRLEStateFlush_BZ2_8u(rle, &dst, &room);
@@ -385,7 +402,7 @@ DecodedBlock finishBlock(const std::vector<Ozr16u>& syms, int nSyms, int origPtr
         if (srcLen == 0 && r == ozrOk && before != room) continue;
         if (srcLen == 0 && r == ozrOk) break;
     }
-    d.bytes.resize(outPos);
+    d.bytes.size = outPos;
     if (outPos) ozrsCRC32_BZ2_8u(d.bytes.data(), static_cast<int>(outPos), &got);
     if (got != crc) return fail("block CRC mismatch");
     return d;
@@ -406,7 +423,7 @@ void bzip2DecompressStream(Reader& in, Writer& out, int threadCount) {
         DecodedBlock d = pending.front().get();
         pending.pop_front();
         if (!d.error.empty()) throw ToolError(d.error);
-        out.write(d.bytes.data(), d.bytes.size());
+        out.write(d.bytes.data(), d.bytes.size);
     };
     int blockNo = 0;
     bool first = true;
