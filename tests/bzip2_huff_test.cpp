@@ -807,3 +807,35 @@ TEST_F(Bzip2Tool, CorruptOrTruncatedFilesFailWithAMessageAndNoOutput) {
         EXPECT_FALSE(fs::exists(dir / "out")) << c.name;
     }
 }
+
+TEST(Bzip2DecodeBlock, BlocksAboveTwoToTheTwentyBytesUseWideLinks) {
+    // 1 200 000 bytes over {a, b, c} through the library's forward stages, back
+    // through block decoding (links of 24 bits instead of 20 above 2^20 positions).
+    Bytes text = randomBytes(1200000, 77);
+    for (auto& c : text) c = static_cast<uint8_t>('a' + c % 3);
+    const int n = static_cast<int>(text.size());
+    int size = 0;
+    ASSERT_EQ(m7_ozrsBWTFwdGetSize_8u(n, &size), ozrOk);
+    std::vector<Ozr8u> work(size), L(n);
+    int index = 0;
+    ASSERT_EQ(m7_ozrsBWTFwd_8u(text.data(), L.data(), n, &index, work.data()), ozrOk);
+    Ozr8u inUse[256] = {};
+    inUse['a'] = inUse['b'] = inUse['c'] = 1;
+    int dict = 0;
+    ASSERT_EQ(m7_ozrsReduceDictionary_8u_I(inUse, L.data(), n, &dict), ozrOk);
+    Ozr8u mtf[256];
+    m7_ozrsMTFInit_8u(mtf);
+    Bytes ranks(n);
+    m7_ozrsMTFFwd_8u(L.data(), ranks.data(), n, mtf);
+    Syms syms(n + 64);
+    std::vector<int> freq(258, 0);
+    const Ozr8u* rp = ranks.data();
+    int rl = n, sl = static_cast<int>(syms.size());
+    ASSERT_EQ(m7_ozrsEncodeZ1Z2_BZ2_8u16u(&rp, &rl, syms.data(), &sl, freq.data()), ozrOk);
+    ASSERT_EQ(m7_ozrsDecodeBlockGetSize_BZ2_8u(n, &size), ozrOk);
+    std::vector<Ozr8u> wbuf(size), out(n);
+    int room = n;
+    ASSERT_EQ(m7_ozrsDecodeBlock_BZ2_16u8u(syms.data(), sl, out.data(), &room, index, 3, inUse, wbuf.data()), ozrOk);
+    ASSERT_EQ(room, n);
+    EXPECT_TRUE(std::equal(text.begin(), text.end(), out.begin()));
+}
