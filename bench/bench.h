@@ -40,7 +40,40 @@ struct Row {
 struct Options {
     double minSeconds = 0.25;  // per measurement
     int repeats = 3;           // best of
+    // Leave the upper halves of the vector registers dirty before each timed pass, as
+    // a caller's AVX code that returns without vzeroupper would (both sides alike).
+    bool dirtyUpper = false;
+    // Time passes by the thread's CPU time instead of the wall clock: steadier when
+    // other processes compete for the cores (it still counts their cache damage).
+    bool cpuTime = false;
 };
+
+// ---- The caller's AVX state ----------------------------------------------------------
+// Code compiled for AVX that returns without vzeroupper (isa-l's hand-written kernels,
+// for one) leaves the upper register halves dirty, and every legacy SSE instruction
+// that runs afterwards, ours or a peer's, pays for it. The benchmark must not let one
+// side's leftovers slow the next: measure() cleans after each pass, runBench() after
+// each suite, and a peer call that may leave the state dirty outside measure() (or
+// inside a pass that also calls us) goes through afterPeer().
+
+// The processor and the OS have AVX state (vzeroupper runs); AVX2 (256-bit integer
+// writes, used to dirty the state on purpose).
+bool hasAvxState();
+bool hasAvx2();
+// vzeroupper where the processor has AVX state, else nothing.
+void cleanUpperState();
+// A 256-bit VEX write without vzeroupper, where the processor has AVX2, else nothing.
+void dirtyUpperState();
+
+// Runs a peer's call and clears the upper state it may leave behind:
+//   auto crc = afterPeer([&] { return crc32_gzip_refl(0, p, n); });
+template <class F>
+auto afterPeer(F&& f) -> decltype(f()) {
+    struct Clean {
+        ~Clean() { cleanUpperState(); }
+    } clean;
+    return f();
+}
 
 class Table {
 public:
@@ -53,12 +86,14 @@ private:
 };
 
 // Runs fn (which processes `bytes` input bytes per call) repeatedly and returns the
-// best throughput in MB/s.
+// best throughput in MB/s. Each pass starts from the upper state the options ask for
+// (clean, or dirty with o.dirtyUpper) and is followed by a clean-up.
 double measure(const Options& o, uint64_t bytes, const std::function<void()>& fn);
 
 struct Suite {
     std::string family;
     std::function<void(const Corpus&, const Options&, Table&)> run;
+    bool onRequest = false;  // runs only when named in --only
 };
 
 std::vector<Suite>& suites();

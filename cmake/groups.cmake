@@ -9,6 +9,7 @@ set(OZRDC_BUILT_GROUPS
   lz4
   lz4hc
   lzo
+  lzss
   bzip2
   zfp
   bzip2_huff

@@ -22,6 +22,13 @@
  *   - Lengths are signed 32-bit unless a function says otherwise.
  *   - "in/out" length pointers hold the room (or input) available on entry and are
  *     updated with what was consumed or produced on return.
+ *   - The caller's processor state: the code uses SSE3 and below. Where the
+ *     processor and the OS have AVX state, every entry point that runs vector code
+ *     starts with vzeroupper (chosen once, when the library is loaded), so that AVX
+ *     code of the caller's that returned with dirty upper register halves does not
+ *     slow it down; vector registers are call-clobbered, so nothing is lost. Results
+ *     never depend on MXCSR (flush-to-zero, denormals-are-zero, rounding): the ZFP
+ *     coders run in the default modes and give the caller's MXCSR back as it was.
  *
  * Valid C99 and C++. Link with -lozrdcm7 (pkg-config: ozrdc; CMake: ozrdc::ozrdc).
  */
@@ -383,8 +390,131 @@ OzrResult ozrsDecodeLZO_8u(const Ozr8u* pSrc, Ozr32u srcLen, Ozr8u* pDst, Ozr32u
 OzrResult ozrsDecodeLZOSafe_8u(const Ozr8u* pSrc, Ozr32u srcLen, Ozr8u* pDst, Ozr32u* pDstLen);
 
 /* ==== LZSS ==================================================================== */
+/*
+ * A streaming LZSS coder with a 32 KB window and a fixed bit layout. The stream is a
+ * sequence of tokens packed most significant bit first (the first token bit is the
+ * top bit of the first byte):
+ *     literal  9 bits: 1, then the byte;
+ *     match   24 bits: 0, then the 15-bit distance (bytes back, 1..32767), then
+ *                      8 bits of length - 3 (lengths 3..258).
+ * There is no end-of-stream token: the encoder's flush pads the last byte with zero
+ * bits, which the decoder ignores as an incomplete token.
+ *
+ * One state record serves either direction: ozrsLZSSGetSize_8u gives its size
+ * (327744 bytes); allocate it, prepare it with ozrsEncodeLZSSInit_8u or
+ * ozrsDecodeLZSSInit_8u, and pass it to every call of one stream.
+ *
+ * Compressing: call ozrsEncodeLZSS_8u with successive pieces of input, then
+ * ozrsEncodeLZSSFlush_8u once (again while it returns ozrWarnDstSizeLess). Matches
+ * reach into the earlier pieces (up to 32767 bytes back), but each call ends its
+ * piece with two literal tokens, since its last two bytes cannot start a match: the
+ * stream depends on how the input was cut, and larger pieces compress better. The
+ * search is greedy: the longest match among the 16 most recent positions that share
+ * the hash of the next three bytes (the nearest of equally long ones). After the
+ * flush the stream is complete; start another one with ozrsEncodeLZSSInit_8u.
+ *
+ * Decompressing: call ozrsDecodeLZSS_8u with the stream in pieces of any size and
+ * output room of any size; a call stops when its input runs out (ozrOk) or its
+ * output is full (ozrWarnDstSizeLess), even inside a match, and the next call goes
+ * on from there. Concatenating the outputs gives the original data.
+ *
+ * In/out arguments of the streaming calls: *ppSrc and *ppDst point at the next byte
+ * to read and to write, *pSrcLen and *pDstLen hold the bytes left to read and the
+ * room left to write; on return both pointers are advanced and both lengths reduced
+ * by exactly what was consumed and written. On an error status nothing is changed.
+ *
+ * The record holds pointers into itself and to a library table; the calls do not
+ * rely on them (they are rewritten by every call), so the record may be moved or
+ * copied between calls: a copy continues the stream as the original would.
+ */
 
+/* Encoder view of the record (as ozrsEncodeLZSSInit_8u prepares it). */
+typedef struct OzrLZSSEncoderState {
+    const Ozr16s* pRandVec;  /* the hash-mixing table: 3 rows of 256 values in 0..32767 */
+    Ozr32s* pChain;          /* = chain below */
+    Ozr32s* pHead;           /* = head below */
+    Ozr8u*  pWindow;         /* = window below */
+    Ozr8u*  pWindowEnd;      /* end of the bytes kept in window */
+    Ozr32u  histLen;         /* bytes of earlier input that matches may reach (<= 32768) */
+    Ozr32u  bitCount;        /* stream bits not yet written (< 8, or up to 31 after a
+                                call that stopped on a full output) */
+    Ozr32u  bitBuf;          /* those bits in the low bitCount bits, the oldest highest */
+    Ozr32u  bitBufExt;       /* 0 (the pending bits always fit bitBuf) */
+    Ozr32s  position;        /* position of the next input byte in the chains' scale */
+    Ozr32u  reserved;        /* 0 */
+    Ozr32s  chain[32768];    /* previous position of the same hash, by position & 0x7FFF */
+    Ozr32s  head[32768];     /* latest position of each hash; -32768: none */
+    Ozr8u   window[65536];   /* earlier input (the last histLen bytes before pWindowEnd) */
+} OzrLZSSEncoderState;
 
+/* Decoder view of the record (as ozrsDecodeLZSSInit_8u prepares it). */
+typedef struct OzrLZSSDecoderState {
+    Ozr64u  reserved[3];     /* 0 */
+    Ozr8u*  pWindow;         /* = window below */
+    Ozr32s  bitCount;        /* stream bits read but not yet decoded (0..32) */
+    Ozr32u  bitBuf;          /* those bits from the top down (the rest are 0) */
+    Ozr32u  pendDist;        /* distance of a match cut off by a full output */
+    Ozr32u  pendLen;         /* bytes of that match still to write (0: none) */
+    Ozr8u   window[32768];   /* the last 32768 bytes of output, the latest last */
+} OzrLZSSDecoderState;
+
+/* The state record: 327744 bytes, caller-owned, 8-byte aligned. */
+typedef struct OzrLZSSState {
+    union {
+        OzrLZSSEncoderState enc;
+        OzrLZSSDecoderState dec;
+        Ozr8u size[327744];
+    } u;
+} OzrLZSSState;
+
+/* Writes the size of OzrLZSSState, 327744, to *pLZSSStateSize. Errors: null ->
+ * ozrErrNullPointer. */
+OzrResult ozrsLZSSGetSize_8u(int* pLZSSStateSize);
+
+/* Prepares the record for a new compressed stream: sets its pointers, clears the bit
+ * buffer and the history, and marks every hash head and chain entry empty (-32768).
+ * Errors: null -> ozrErrNullPointer. */
+OzrResult ozrsEncodeLZSSInit_8u(OzrLZSSState* pLZSSState);
+
+/* Compresses the *pSrcLen bytes at *ppSrc into whole bytes of the stream at *ppDst
+ * (room *pDstLen); bits of an unfinished last byte stay in the record. Bits still
+ * pending from an earlier call that stopped on a full output are written first.
+ * Returns ozrOk when all input is consumed and every whole byte written.
+ * ozrWarnDstSizeLess: the output filled up (on entry, when *pDstLen is 0); the in/out
+ * arguments show what was consumed and written, the record holds the bits not yet
+ * written, and the caller calls again with more room and the input not consumed
+ * (the stream is then the same as with enough room). Bytes of the room past those
+ * written may have been changed. *pSrcLen 0 (with some room): ozrOk, nothing done
+ * (pending bits stay pending). Errors: any of the five pointers, *ppSrc or *ppDst
+ * null -> ozrErrNullPointer; *pSrcLen or *pDstLen negative -> ozrErrSize. */
+OzrResult ozrsEncodeLZSS_8u(Ozr8u** ppSrc, int* pSrcLen, Ozr8u** ppDst, int* pDstLen,
+                            OzrLZSSState* pLZSSState);
+
+/* Ends the stream: writes the pending bits, the last byte padded with zero bits.
+ * ozrOk when all are written; ozrWarnDstSizeLess when the room ran out first (what
+ * is left stays pending: flush again). *ppDst and *pDstLen as for ozrsEncodeLZSS_8u.
+ * Errors: any of the three pointers or *ppDst null -> ozrErrNullPointer;
+ * *pDstLen < 1 -> ozrErrSize. */
+OzrResult ozrsEncodeLZSSFlush_8u(Ozr8u** ppDst, int* pDstLen, OzrLZSSState* pLZSSState);
+
+/* Prepares the record for decoding a new stream: clears the bit buffer and the
+ * pending match and points pWindow at the window. The window is not cleared: a
+ * match that reaches before the first byte of the stream (malformed data) copies
+ * whatever the window area held. Errors: null -> ozrErrNullPointer. */
+OzrResult ozrsDecodeLZSSInit_8u(OzrLZSSState* pLZSSState);
+
+/* Decodes the *pSrcLen bytes at *ppSrc (0 allowed: finishes a pending match) into
+ * *ppDst (room *pDstLen). Returns ozrOk when the input ran out, i.e. the bits left
+ * (kept in the record) do not form a whole token; ozrWarnDstSizeLess when the
+ * output is full and more is to come (a token or the rest of a match): call again
+ * with more room. Input is read a byte at a time into a 32-bit buffer, which each
+ * token start tops up to more than 24 bits; those bytes count as consumed. Bytes
+ * of the room past those written may have been changed. Every stream decodes to
+ * some output: no status reports malformed data (a distance of 0 writes zero
+ * bytes). Errors: any of the five pointers, *ppSrc or *ppDst null ->
+ * ozrErrNullPointer; *pDstLen < 1 or *pSrcLen < 0 -> ozrErrSize. */
+OzrResult ozrsDecodeLZSS_8u(Ozr8u** ppSrc, int* pSrcLen, Ozr8u** ppDst, int* pDstLen,
+                            OzrLZSSState* pLZSSState);
 
 /* ==== bzip2 block-sorting stages ============================================== */
 /*
@@ -490,7 +620,8 @@ OzrResult ozrsRLEGetInUseTable_8u(Ozr8u inUse[256], const OzrsRLEState_BZ2* pRLE
 /* -- Burrows-Wheeler transform -- */
 
 /* Work-buffer size of ozrsBWTFwd_8u for blocks of n bytes: max(6n + 524484,
- * 18n + 80). Errors: null -> ozrErrNullPointer; n <= 0 -> ozrErrSize. */
+ * 18n + 80), computed in 32-bit arithmetic (so meaningful for n up to
+ * 119 304 642). Errors: null -> ozrErrNullPointer; n <= 0 -> ozrErrSize. */
 OzrResult ozrsBWTFwdGetSize_8u(int n, int* pSize);
 
 /* Forward transform of the n-byte block pSrc: sorts its n cyclic rotations as
@@ -498,7 +629,8 @@ OzrResult ozrsBWTFwdGetSize_8u(int n, int* pSize);
  * (n bytes); *pIndex = the sorted position of the block itself (rotation 0).
  * Equal rotations (periodic blocks) give the same output in any order. pBuffer is
  * the caller's work area of ozrsBWTFwdGetSize_8u(n) bytes (no alignment needed).
- * pSrc and pDst must not overlap the buffer. Errors: a null pointer ->
+ * pSrc and pDst must not overlap the buffer. Time is linear in n on any data (an
+ * induced suffix sort of the block's least rotation). Errors: a null pointer ->
  * ozrErrNullPointer; n <= 0 -> ozrErrSize. */
 OzrResult ozrsBWTFwd_8u(const Ozr8u* pSrc, Ozr8u* pDst, int n, int* pIndex, Ozr8u* pBuffer);
 
@@ -510,14 +642,18 @@ OzrResult ozrsBWTFwdGetBufSize_SelectSort_8u(int n, int* pSize, int mode);
 /* ozrsBWTFwd_8u with the sorting method chosen by mode:
  *   0  bucket sort on the first two bytes with a work limit (100 n for blocks
  *      under 99 900 bytes, else 25 n): when the limit is used up the call stops
- *      and returns ozrWarnBWTSortLimit (pDst and *pIndex are then undefined);
- *   1  bucket sort without the limit;
- *   2  prefix-doubling sort (no limit needed: O(n log n) on any data);
- *   3  bucket sort with the limit, falling back to prefix doubling (the choice of
- *      ozrsBWTFwd_8u);
+ *      and returns ozrWarnBWTSortLimit (pDst and *pIndex are then undefined).
+ *      Repetitive blocks (long runs, short periods, long repeats) reach it;
+ *   1  bucket sort without that status: where the limit would stop it, it goes
+ *      on with the induced sort (or, if the buffer cannot hold that, with the
+ *      bucket sort to its end);
+ *   2  the induced sort alone (linear time on any data; buffer 18 n + 80);
+ *   3  bucket sort with the limit, then the induced sort;
  *   other: nothing is done, ozrOk.
- * Blocks under 100 bytes are sorted directly whatever the mode. All modes give the
- * same pDst and *pIndex. Errors: as ozrsBWTFwd_8u. */
+ * Blocks under 100 bytes are sorted directly whatever the mode (also an unknown
+ * one), and never return ozrWarnBWTSortLimit. All modes give the same pDst and
+ * *pIndex, which is also what ozrsBWTFwd_8u gives (it runs the induced sort
+ * directly). Errors: as ozrsBWTFwd_8u. */
 OzrResult ozrsBWTFwd_SelectSort_8u(const Ozr8u* pSrc, Ozr8u* pDst, int n, int* pIndex, Ozr8u* pBuffer,
                                    int mode);
 
@@ -529,7 +665,8 @@ OzrResult ozrsBWTInvGetSize_8u(int n, int* pSize);
  * and primary index `index`. pBuffer: ozrsBWTInvGetSize_8u(n) bytes. Errors: pSrc,
  * pDst or pBuffer null -> ozrErrNullPointer; n <= 0 or index >= n -> ozrErrSize.
  * A negative index is not refused: it is taken as 0. Any index and last column
- * decode to n bytes without error (a wrong index gives a rotated block). */
+ * decode to n bytes without error (for a genuine last column, a wrong index gives
+ * a rotation of the block). */
 OzrResult ozrsBWTInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int n, int index, Ozr8u* pBuffer);
 
 /* -- Move-to-front and zero-run (Z1Z2) coding -- */

@@ -9,6 +9,7 @@ pkgs=(
   libgtest-dev libcli11-dev
   zlib1g-dev libdeflate-dev libisal-dev liblz4-dev liblzo2-dev libbz2-dev libzfp-dev libxxhash-dev
   lz4 lzop zfp gzip pigz bzip2 lbzip2 pbzip2 libdivsufsort-dev
+  qemu-user
 )
 missing=()
 for p in "${pkgs[@]}"; do

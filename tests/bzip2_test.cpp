@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "test_data.h"
+#include <bzlib.h>
 #include <divsufsort.h>
 
 #include <algorithm>
@@ -434,9 +435,42 @@ TEST(BWTInverse, RestoresBlocksOfEveryShape) {
     }
 }
 
-TEST(BWTInverse, AnyColumnAndIndexDecodeWithoutFault) {
-    Bytes last = randomBytes(5000, 17);
-    for (int index : {0, 1, 4999, -5}) EXPECT_EQ(inverseBWT(last, index).size(), 5000u);
+// The inverse's definition, step by step, for any column and index.
+Bytes refInverse(const Bytes& last, int index) {
+    const size_t n = last.size();
+    std::vector<uint32_t> start(256), link(n);
+    for (uint8_t c : last) ++start[c];
+    for (uint32_t c = 0, sum = 0; c < 256; ++c) std::swap(start[c], sum), sum += start[c];
+    for (size_t i = 0; i < n; ++i) link[start[last[i]]++] = static_cast<uint32_t>(i);
+    Bytes out(n);
+    for (size_t k = 0, p = static_cast<size_t>(index); k < n; ++k) out[k] = last[p = link[p]];
+    return out;
+}
+
+TEST(BWTInverse, AnyColumnAndIndexDecodeAsDefinedInBothForms) {
+    // Columns that are no BWT output have links in several cycles: the two walks in
+    // step must still give what one walk gives.
+    std::vector<Bytes> columns = {randomBytes(5000, 17), periodicBytes(4001, 7, 18), Bytes{2, 1, 1, 0, 0, 2, 2},
+                                  randomBytes(70001, 19), runsBytes(40000, 20)};
+    for (const Bytes& b : {textBytes(50000, 24), periodicBytes(60000, 12, 25)}) {
+        int index = -1;
+        Bytes last = divsufsortBWT(b, &index);
+        last[last.size() / 3] ^= 1;  // one changed byte: links in several cycles
+        columns.push_back(last);
+    }
+    for (const Bytes& last : columns) {
+        const int n = static_cast<int>(last.size());
+        for (int index : {0, 1, n / 2, n - 1, -5}) {
+            Bytes want = refInverse(last, index < 0 ? 0 : index);
+            ASSERT_EQ(inverseBWT(last, index), want) << index;
+            std::vector<Ozr32u> linked(last.begin(), last.end());
+            Ozr32u counts[256] = {};
+            for (uint8_t c : last) ++counts[c];
+            Bytes out(last.size());
+            m7_ownsBWTInvLinked_8u(linked.data(), out.data(), n, index < 0 ? 0 : index, counts);
+            ASSERT_EQ(out, want) << index;
+        }
+    }
 }
 
 TEST(BWTInverse, StatusesInCheckOrder) {
@@ -784,6 +818,99 @@ TEST(BWTForward, StatusesInCheckOrder) {
     EXPECT_EQ(m7_ozrsBWTFwd_8u(a, a, 0, &index, buf), ozrErrSize);
     EXPECT_EQ(m7_ozrsBWTFwd_SelectSort_8u(a, a, 0, nullptr, buf, 9), ozrErrNullPointer);
     EXPECT_EQ(m7_ozrsBWTFwd_SelectSort_8u(a, a, -1, &index, buf, 9), ozrErrSize);
+}
+
+// ---- The forward chain ------------------------------------------------------------
+
+// bzip2's block coding up to the Huffman stage, written plainly: RLE, the BWT of the
+// RLE output, move-to-front over the in-use alphabet, zero runs.
+Syms refBlockSymbols(const Bytes& raw, int* index, int* alphabet) {
+    Bytes rle = refRLE(raw);
+    Bytes last = divsufsortBWT(rle, index);
+    uint8_t map[256];
+    int used = 0;
+    for (int v = 0; v < 256; ++v) {
+        map[v] = static_cast<uint8_t>(used);
+        used += std::count(rle.begin(), rle.end(), v) > 0;
+    }
+    for (auto& x : last) x = map[x];
+    *alphabet = used;
+    return refZ1Z2(refMTF(last));
+}
+
+TEST(Chain, StagesTogetherGiveBzip2sBlockSymbols) {
+    for (const Bytes& raw : {textBytes(120000, 21), runsBytes(90000, 22), randomBytes(50000, 23), Bytes(70000, 'a')}) {
+        // RLE in pieces, as a compressor fed by a stream would call it.
+        RLE e;
+        Bytes rle = e.encode(raw, 7000, 1 << 20);
+        Ozr8u inUse[256];
+        ASSERT_EQ(m7_ozrsRLEGetInUseTable_8u(inUse, &e.st), ozrOk);
+        int dict = 0;
+        ASSERT_EQ(m7_ozrsReduceDictionary_8u_I(inUse, rle.data(), static_cast<int>(rle.size()), &dict), ozrOk);
+        int index = -1;
+        Bytes last = forwardBWT(rle, &index);
+        Ozr8u st[256];
+        m7_ozrsMTFInit_8u(st);
+        Bytes ranks(last.size());
+        ASSERT_EQ(m7_ozrsMTFFwd_8u(last.data(), ranks.data(), static_cast<int>(last.size()), st), ozrOk);
+        std::vector<int> freq(258);
+        Syms syms = encodeZ1Z2(ranks, static_cast<int>(ranks.size()) + 1, freq);
+
+        int wantIndex = -1, alphabet = 0;
+        ASSERT_EQ(syms, refBlockSymbols(raw, &wantIndex, &alphabet));
+        ASSERT_EQ(dict, alphabet);
+        ASSERT_LT(*std::max_element(syms.begin(), syms.end()), alphabet + 1);
+
+        // And back: Z1Z2, MTF, expansion, inverse BWT, RLE decoding.
+        Bytes r2(ranks.size());
+        const Ozr16u* p = syms.data();
+        int srcLen = static_cast<int>(syms.size()), dstLen = static_cast<int>(r2.size());
+        ASSERT_EQ(m7_ozrsDecodeZ1Z2_BZ2_16u8u(&p, &srcLen, r2.data(), &dstLen), ozrOk);
+        m7_ozrsMTFInit_8u(st);
+        Bytes l2(r2.size());
+        ASSERT_EQ(m7_ozrsMTFInv_8u(r2.data(), l2.data(), static_cast<int>(r2.size()), st), ozrOk);
+        ASSERT_EQ(m7_ozrsExpandDictionary_8u_I(inUse, l2.data(), static_cast<int>(l2.size()), dict), ozrOk);
+        Bytes block = inverseBWT(l2, index);
+        ASSERT_EQ(RLE(true).decode(block, 1 << 20), raw);
+    }
+}
+
+// libbz2 writes the primary index and the in-use table of its block in the block
+// header, right after the stream header "BZh9", the block magic (48 bits), the
+// block CRC (32 bits) and the randomised flag (1 bit).
+TEST(Chain, PrimaryIndexAndInUseTableEqualLibbz2s) {
+    // libbz2's encoder closes runs at 255 bytes where ours goes on to 259 (both
+    // decode alike), so the blocks here have shorter runs.
+    Bytes shortRuns;
+    std::mt19937 r(32);
+    for (uint8_t v = 0; shortRuns.size() < 150000; v = static_cast<uint8_t>((v + 1 + r() % 6) % 7))
+        shortRuns.insert(shortRuns.end(), 1 + r() % 255, v);
+    for (const Bytes& raw : {textBytes(200000, 31), shortRuns, randomBytes(100000, 33)}) {
+        unsigned len = static_cast<unsigned>(raw.size() * 2 + 1000);
+        Bytes z(len);
+        ASSERT_EQ(BZ2_bzBuffToBuffCompress(reinterpret_cast<char*>(z.data()), &len,
+                                           reinterpret_cast<char*>(const_cast<uint8_t*>(raw.data())),
+                                           static_cast<unsigned>(raw.size()), 9, 0, 0), BZ_OK);
+        size_t bit = 4 * 8 + 48 + 32 + 1;
+        auto bits = [&](int count) {
+            uint32_t v = 0;
+            for (int k = 0; k < count; ++k, ++bit) v = v << 1 | ((z[bit >> 3] >> (7 - (bit & 7))) & 1);
+            return v;
+        };
+        const int origPtr = static_cast<int>(bits(24));
+        uint8_t want[256] = {};
+        const uint32_t groups = bits(16);
+        for (int g = 0; g < 16; ++g)
+            if (groups & (0x8000u >> g))
+                for (uint32_t m = bits(16), v = 0; v < 16; ++v) want[g * 16 + v] = (m >> (15 - v)) & 1;
+
+        RLE e;
+        Bytes rle = e.encode(raw, raw.size(), 1 << 20);
+        ASSERT_EQ(0, std::memcmp(e.st.inUse, want, 256));
+        int index = -1;
+        forwardBWT(rle, &index);
+        ASSERT_EQ(index, origPtr);
+    }
 }
 
 }  // namespace

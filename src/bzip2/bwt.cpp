@@ -61,9 +61,11 @@ inline m7::SaisWorkspace restWorkspace(const Layout& l) {
     return m7::SaisWorkspace{reinterpret_cast<Ozr32s*>(l.rest + skew), bytes > 0 ? static_cast<size_t>(bytes) / 4 : 0};
 }
 
-// Least rotation of the block (two candidates compared until one loses; each step
-// moves a candidate past the bytes it has matched): O(n).
-int leastRotation(const Ozr8u* d, int n) {
+// Least rotation of the block: two candidates are compared until one loses, and
+// the loser skips the bytes it matched (none of those can start a least rotation):
+// O(n). When the two candidates are equal rotations, the block is periodic and
+// *period is its period (gcd of their distance and n), else n.
+int leastRotation(const Ozr8u* d, int n, int* period) {
     int i = 0, j = 1, k = 0;
     while (i < n && j < n && k < n) {
         Ozr8u a = d[i + k], b = d[j + k];
@@ -79,26 +81,49 @@ int leastRotation(const Ozr8u* d, int n) {
         if (i == j) ++j;
         k = 0;
     }
+    *period = n;
+    if (k >= n) {
+        int x = i < j ? j - i : i - j, y = n;
+        while (y) {
+            int z = x % y;
+            x = y;
+            y = z;
+        }
+        *period = x;
+    }
     return i < j ? i : j;
 }
 
-// Last column and primary index from the sorted rotations (sa holds start offsets
-// into the block rotated by r).
-void emit(const Ozr8u* t, const Ozr32s* sa, int n, int r, Ozr8u* pDst, int* pIndex) {
-    const Ozr32s origin = (n - r) % n;
-    for (int k = 0; k < n; ++k) {
+// Last column and primary index from the sorted rotations of a block that is
+// `reps` copies of its first q bytes t[0, q): sa holds the q sorted start offsets
+// of those rotations; each stands for reps equal rotations. origin is the offset
+// in t of the caller's rotation 0.
+void emit(const Ozr8u* t, const Ozr32s* sa, int q, int reps, int origin, Ozr8u* pDst, int* pIndex) {
+    origin %= q;
+    if (reps == 1) {
+        for (int k = 0; k < q; ++k) {
+            if (k + 32 < q) __builtin_prefetch(&t[sa[k + 32]]);
+            Ozr32s p = sa[k];
+            pDst[k] = t[p == 0 ? q - 1 : p - 1];
+            if (p == origin) *pIndex = k;
+        }
+        return;
+    }
+    for (int k = 0; k < q; ++k) {
         Ozr32s p = sa[k];
-        pDst[k] = t[p == 0 ? n - 1 : p - 1];
-        if (p == origin) *pIndex = k;
+        if (p == origin) *pIndex = k * reps;
+        m7_ownsSet_8u(t[p == 0 ? q - 1 : p - 1], pDst + static_cast<Ozr64s>(k) * reps, static_cast<size_t>(reps));
     }
 }
 
-// The induced sort on the least rotation; false when the buffer is too small.
+// The induced sort on the least rotation (of one period, when the block repeats
+// itself); false when the buffer is too small.
 bool induced(const Layout& l, int n, Ozr8u* pDst, int* pIndex) {
-    int r = leastRotation(l.block, n);
+    int q = n;
+    int r = leastRotation(l.block, n, &q);
     const Ozr8u* t = l.block + r;
-    if (!m7_ownsSuffixArray_8u(t, l.sa, n, restWorkspace(l))) return false;
-    emit(t, l.sa, n, r, pDst, pIndex);
+    if (!m7_ownsSuffixArray_8u(t, l.sa, q, restWorkspace(l))) return false;
+    emit(t, l.sa, q, n / q, (n - r) % n, pDst, pIndex);
     return true;
 }
 
@@ -158,8 +183,8 @@ struct BucketSorter {
                     j -= h;
                 }
                 sa[j] = v;
+                if (budget < 0) return;
             }
-            if (budget < 0) return;
         }
     }
 
@@ -255,7 +280,7 @@ OzrResult forward(const Ozr8u* pSrc, Ozr8u* pDst, int n, int* pIndex, Ozr8u* pBu
         // Sorted as one group whatever the mode; past the limit the induced sort
         // finishes the job (the buffer always holds it).
         if (bucketSort(l, n, smallLimitFactor * n, nullptr, stack)) {
-            emit(l.block, l.sa, n, 0, pDst, pIndex);
+            emit(l.block, l.sa, n, 1, 0, pDst, pIndex);
             return ozrOk;
         }
         return induced(l, n, pDst, pIndex) ? ozrOk : ozrErr;
@@ -268,7 +293,7 @@ OzrResult forward(const Ozr8u* pSrc, Ozr8u* pDst, int n, int* pIndex, Ozr8u* pBu
     // The bucket counters (65536 and a sentinel) lie behind the sorted rotations.
     Ozr32u* counters = reinterpret_cast<Ozr32u*>(l.rest + ((4 - (reinterpret_cast<uintptr_t>(l.rest) & 3)) & 3));
     if (bucketSort(l, n, limit, counters, stack)) {
-        emit(l.block, l.sa, n, 0, pDst, pIndex);
+        emit(l.block, l.sa, n, 1, 0, pDst, pIndex);
         return ozrOk;
     }
     if (mode == Mode::Limit) return ozrWarnBWTSortLimit;
@@ -276,7 +301,7 @@ OzrResult forward(const Ozr8u* pSrc, Ozr8u* pDst, int n, int* pIndex, Ozr8u* pBu
     // sort to its end.
     if (induced(l, n, pDst, pIndex)) return ozrOk;
     bucketSort(l, n, Ozr64s(1) << 62, counters, stack);
-    emit(l.block, l.sa, n, 0, pDst, pIndex);
+    emit(l.block, l.sa, n, 1, 0, pDst, pIndex);
     return ozrOk;
 }
 

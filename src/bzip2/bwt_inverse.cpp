@@ -43,8 +43,8 @@ void firstRows(const Ozr32u* counts, Ozr32u* start) {
     }
 }
 
-// Follows the packed links from row p for n bytes.
-inline void walkPacked(const Ozr32u* link, Ozr32u p, Ozr8u* dst, int n) {
+// Follows the packed links from row p for n bytes; returns the row reached.
+inline Ozr32u walkPacked(const Ozr32u* link, Ozr32u p, Ozr8u* dst, int n) {
     int k = 0;
     for (; k + 4 <= n; k += 4) {
         Ozr32u e0 = link[p];
@@ -62,6 +62,91 @@ inline void walkPacked(const Ozr32u* link, Ozr32u p, Ozr8u* dst, int n) {
         dst[k] = static_cast<Ozr8u>(e);
         p = e >> 8;
     }
+    return p;
+}
+
+// Follows the links from row p for n bytes like walkPacked, for links whose top
+// bit may carry a visited mark; returns the row reached.
+inline Ozr32u walkMarked(const Ozr32u* link, Ozr32u p, Ozr8u* dst, int n) {
+    for (int k = 0; k < n; ++k) {
+        Ozr32u e = link[p];
+        dst[k] = static_cast<Ozr8u>(e);
+        p = (e >> 8) & 0x7FFFFF;
+    }
+    return p;
+}
+
+constexpr int kMaxSplitLen = 1 << 23;  // links of 23 bits leave the top bit free
+constexpr int kMinSegment = 4096;      // shorter walks are not worth a split
+constexpr Ozr32u kVisited = 0x80000000u;
+
+// The walk as two walks in step, which keeps two loads in flight. A segment of the
+// walk runs m bytes from row `from` and should then stand at row `end`. A second
+// walk starts at a row x that no walk has visited yet (so it lies ahead on the
+// walk, at some unknown distance u) and writes from the middle of the segment,
+// until
+//   - the first walk reaches x: u is known, the second walk's bytes move down to
+//     it, and what the second walk still has to do is the new segment (to `end`);
+//   - the second walk reaches `end`: its bytes are the segment's last ones and move
+//     there; the new segment is the first walk's rest, which must end at x;
+//   - neither within half the segment: the first walk does the rest alone.
+// Every segment finished by a single walk checks that it stands at its end. That
+// holds whenever the links form one cycle, as for any genuine last column; if a
+// check fails (a column whose links form several cycles), the caller walks the
+// whole block again the plain way. Visited rows carry a mark in the top bit.
+bool walkSplit(Ozr32u* link, Ozr32u from, Ozr32u end, Ozr8u* dst, int m, int n) {
+    Ozr32u seed = static_cast<Ozr32u>(n) * 2654435761u;
+    for (;;) {
+        Ozr32u x = end;
+        if (m >= kMinSegment) {
+            for (int probe = 0; probe < 8; ++probe) {
+                seed = seed * 1664525u + 1013904223u;
+                Ozr32u c = static_cast<Ozr32u>((static_cast<Ozr64u>(seed) * static_cast<Ozr32u>(n)) >> 32);
+                if (c != from && c != end && !(link[c] & kVisited)) {
+                    x = c;
+                    break;
+                }
+            }
+        }
+        if (x == end) return walkMarked(link, from, dst, m) == end;
+        const int half = m / 2;
+        Ozr32u a = from, b = x;
+        int k = 0;
+        while (k < half && a != x && b != end) {
+            Ozr32u ea = link[a], eb = link[b];
+            link[a] = ea | kVisited;
+            link[b] = eb | kVisited;
+            dst[k] = static_cast<Ozr8u>(ea);
+            dst[half + k] = static_cast<Ozr8u>(eb);
+            a = (ea >> 8) & 0x7FFFFF;
+            b = (eb >> 8) & 0x7FFFFF;
+            ++k;
+        }
+        if (a == x) {
+            m7_ownsMove_8u_M7(dst + half, dst + k, static_cast<size_t>(k));
+            from = b;
+            dst += 2 * k;
+            m -= 2 * k;
+        } else if (b == end) {
+            m7_ownsMove_8u_M7(dst + half, dst + m - k, static_cast<size_t>(k));
+            from = a;
+            end = x;
+            dst += k;
+            m -= 2 * k;
+        } else {
+            return walkMarked(link, a, dst + k, m - k) == end;
+        }
+    }
+}
+
+// The whole walk from row `start`: n bytes, ending back at `start`.
+void walk(Ozr32u* link, Ozr32u start, Ozr8u* dst, int n) {
+    if (n < kMaxSplitLen && walkSplit(link, start, start, dst, n, n)) return;
+    if (n < kMaxSplitLen) {
+        walkMarked(link, start, dst, n);
+    } else {
+        walkPacked(link, start, dst, n);
+    }
 }
 
 }  // namespace
@@ -76,7 +161,7 @@ void m7_ownsBWTInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int n, int index, const Oz
             Ozr8u c = pSrc[i];
             pLink[start[c]++] = static_cast<Ozr32u>(i) << 8 | c;
         }
-        walkPacked(pLink, static_cast<Ozr32u>(index), pDst, n);
+        walk(pLink, static_cast<Ozr32u>(index), pDst, n);
         return;
     }
     for (int i = 0; i < n; ++i) pLink[start[pSrc[i]]++] = static_cast<Ozr32u>(i);
@@ -91,7 +176,7 @@ void m7_ownsBWTInvLinked_8u(Ozr32u* pLink, Ozr8u* pDst, int n, int index, const 
     Ozr32u start[256];
     firstRows(counts, start);
     for (int i = 0; i < n; ++i) pLink[start[pLink[i] & 0xFF]++] |= static_cast<Ozr32u>(i) << 8;
-    walkPacked(pLink, pLink[index] >> 8, pDst, n);
+    walk(pLink, pLink[index] >> 8, pDst, n);
 }
 
 OzrResult m7_ozrsBWTInvGetSize_8u(int n, int* pSize) {

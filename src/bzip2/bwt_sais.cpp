@@ -135,9 +135,14 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws) {
     induceS(T, SA, n, K, counts, b);
 
     // Sorted LMS positions to the front.
+    // (The loops over SA below touch T, the type bits or SA at the positions SA
+    // holds: fetching those some steps ahead keeps several misses in flight.)
+    constexpr int kAhead = 16;
     int m = 0;
-    for (int i = 0; i < n; ++i)
+    for (int i = 0; i < n; ++i) {
+        if (i + kAhead < n) __builtin_prefetch(&bits[(SA[i + kAhead] >> 3) & 0x1FFFFFFF]);
         if (isLMS(bits, SA[i])) SA[m++] = SA[i];
+    }
     for (int i = m; i < n; ++i) SA[i] = -1;
 
     // Length of each LMS substring (through the next LMS position; the last one
@@ -156,6 +161,10 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws) {
     {
         int prev = -1, prevLen = 0;
         for (int k = 0; k < m; ++k) {
+            if (k + kAhead < m) {
+                __builtin_prefetch(&SA[m + (SA[k + kAhead] >> 1)]);
+                __builtin_prefetch(&T[SA[k + kAhead]]);
+            }
             int p = SA[k];
             int len = SA[m + (p >> 1)];
             bool same = prev >= 0 && len > 0 && len == prevLen;
@@ -186,12 +195,16 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws) {
     // the reduced string.
     for (int i = n - 1, j = m - 1; i >= 1; --i)
         if (isLMS(bits, i)) s1[j--] = i;
-    for (int k = 0; k < m; ++k) sa1[k] = s1[sa1[k]];
+    for (int k = 0; k < m; ++k) {
+        if (k + kAhead < m) __builtin_prefetch(&s1[sa1[k + kAhead]]);
+        sa1[k] = s1[sa1[k]];
+    }
     for (int i = m; i < n; ++i) SA[i] = -1;
 
     // Stage 3: sorted LMS suffixes at their bucket tails, last first, then induce.
     bucketTails(counts, K, b);
     for (int k = m - 1; k >= 0; --k) {
+        if (k >= kAhead) __builtin_prefetch(&T[SA[k - kAhead]]);
         int j = SA[k];
         SA[k] = -1;
         SA[--b[T[j]]] = j;

@@ -28,10 +28,45 @@ inline void shiftUp(Ozr8u* list, unsigned r) {
     for (int i = static_cast<int>(r); i > 0; i -= 16) store16(list + i - 15, load16(list + i - 16));
 }
 
-// Rank of byte v in a list that holds every byte value once.
-inline unsigned findRank(const Ozr8u* list, Ozr8u v) {
+// The first 16 ranks live in a register ("front"): most ranks after a BWT are
+// small, and moving a byte to the front within them is a shift and a blend, with
+// no store that a following load would have to wait for.
+// frontMask[r]: bytes 0..r set, the part of the front that moves for rank r.
+struct FrontMasks {
+    alignas(16) Ozr8u m[16][16];
+    constexpr FrontMasks() : m{} {
+        for (int r = 0; r < 16; ++r)
+            for (int i = 0; i < 16; ++i) m[r][i] = i <= r ? 0xFF : 0;
+    }
+};
+constexpr FrontMasks frontMask{};
+
+// Moves the byte at rank r (< 16) of the front to rank 0.
+inline __m128i frontToFront(__m128i front, unsigned r, Ozr8u s) {
+    const __m128i mask = _mm_load_si128(reinterpret_cast<const __m128i*>(frontMask.m[r]));
+    __m128i moved = _mm_or_si128(_mm_and_si128(_mm_slli_si128(front, 1), mask), _mm_andnot_si128(mask, front));
+    return _mm_or_si128(moved, _mm_cvtsi32_si128(s));  // byte 0 of the shifted part is 0
+}
+
+// Length (0..16) of the run of bytes equal to v at p, which has 16 readable bytes.
+inline unsigned runLength16(const Ozr8u* p, __m128i v) {
+    unsigned eq = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(load16(p), v)));
+    return m7::trailingZeros64(~eq);  // bit 16 and above of ~eq are set
+}
+
+// Stores `fill` over the first n (1..16) of the 16 bytes at p and leaves the others
+// as `keep` holds them (keep is what was loaded from p, so that in-place coding is
+// not disturbed).
+inline void storeHead(Ozr8u* p, unsigned n, __m128i fill, __m128i keep) {
+    const __m128i mask = _mm_load_si128(reinterpret_cast<const __m128i*>(frontMask.m[n - 1]));
+    store16(p, _mm_or_si128(_mm_and_si128(mask, fill), _mm_andnot_si128(mask, keep)));
+}
+
+// Rank of byte v in a list that holds every byte value once, searched from rank
+// `from` (a multiple of 16).
+inline unsigned findRank(const Ozr8u* list, Ozr8u v, unsigned from = 0) {
     const __m128i key = _mm_set1_epi8(static_cast<char>(v));
-    for (unsigned i = 0;; i += 32) {
+    for (unsigned i = from;; i += 32) {
         unsigned lo = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(load16(list + i), key)));
         unsigned hi = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(load16(list + i + 16), key)));
         unsigned m = lo | (hi << 16);
@@ -67,9 +102,6 @@ void mtfFwdRankTable(const Ozr8u* src, Ozr8u* dst, int len, Ozr8u* state) {
 // A run of z zero ranks is written as z in bijective base 2, least significant
 // digit first, with the digits RUNA (0, digit value 1) and RUNB (1, digit value 2);
 // z needs floor(log2(z + 1)) digits. Every other rank r becomes the symbol r + 1.
-
-constexpr Ozr16u kRunA = 0;
-constexpr Ozr16u kRunB = 1;
 
 // Longest run whose code has at most k digits: 2^(k+1) - 2.
 constexpr Ozr64u runBound(int k) { return k >= 40 ? (Ozr64u(1) << 41) : (Ozr64u(2) << k) - 2; }
@@ -110,24 +142,38 @@ void m7_ownsMTFFwd_8u(const Ozr8u* pSrc, Ozr8u* pDst, int len, Ozr8u* pMTFState)
         mtfFwdRankTable(pSrc, pDst, len, pMTFState);
         return;
     }
+    __m128i front = load16(list);
+    Ozr8u first = list[0];
     for (int k = 0; k < len; ++k) {
         Ozr8u s = pSrc[k];
-        Ozr8u front = list[0];
-        if (s == front) {
-            pDst[k] = 0;
+        if (s == first) {
+            // A run of the front byte: all zeros, 16 bytes a step.
+            if (len - k >= 16) {
+                const __m128i key = _mm_set1_epi8(static_cast<char>(s));
+                unsigned run = runLength16(pSrc + k, key);
+                storeHead(pDst + k, run, _mm_setzero_si128(), load16(pDst + k));
+                k += static_cast<int>(run) - 1;
+            } else {
+                pDst[k] = 0;
+            }
             continue;
         }
-        if (s == list[1]) {
-            list[1] = front;
+        unsigned m = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(front, _mm_set1_epi8(static_cast<char>(s)))));
+        if (m) {
+            unsigned r = m7::trailingZeros64(m);
+            pDst[k] = static_cast<Ozr8u>(r);
+            front = frontToFront(front, r, s);
+        } else {
+            store16(list, front);
+            unsigned r = findRank(list, s, 16);
+            pDst[k] = static_cast<Ozr8u>(r);
+            shiftUp(list, r);
             list[0] = s;
-            pDst[k] = 1;
-            continue;
+            front = load16(list);
         }
-        unsigned r = findRank(list, s);
-        pDst[k] = static_cast<Ozr8u>(r);
-        shiftUp(list, r);
-        list[0] = s;
+        first = s;
     }
+    store16(list, front);
     for (unsigned r = 0; r < 256; ++r) pMTFState[list[r]] = static_cast<Ozr8u>(r);
 }
 
@@ -135,18 +181,35 @@ void m7_ownsMTFInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int len, Ozr8u* pMTFState)
     PaddedList pl;
     Ozr8u* list = pl.list();
     for (int i = 0; i < 256; i += 16) store16(list + i, load16(pMTFState + i));
+    __m128i front = load16(list);
+    alignas(16) Ozr8u spill[16];
     for (int k = 0; k < len; ++k) {
         unsigned r = pSrc[k];
+        if (r == 0 && len - k >= 16) {
+            // A run of rank 0: the front byte repeated, 16 ranks a step.
+            unsigned run = runLength16(pSrc + k, _mm_setzero_si128());
+            const __m128i fill = _mm_set1_epi8(static_cast<char>(_mm_cvtsi128_si32(front)));
+            storeHead(pDst + k, run, fill, load16(pDst + k));
+            k += static_cast<int>(run) - 1;
+            continue;
+        }
+        if (r < 16) {
+            // The byte at rank r, read back from a spill of the front (a load that
+            // lies inside one store is forwarded from it).
+            _mm_store_si128(reinterpret_cast<__m128i*>(spill), front);
+            Ozr8u s = spill[r];
+            pDst[k] = s;
+            if (r) front = frontToFront(front, r, s);
+            continue;
+        }
+        store16(list, front);
         Ozr8u s = list[r];
         pDst[k] = s;
-        if (r == 0) continue;
-        if (r == 1) {
-            list[1] = list[0];
-        } else {
-            shiftUp(list, r);
-        }
+        shiftUp(list, r);
         list[0] = s;
+        front = load16(list);
     }
+    store16(list, front);
     for (int i = 0; i < 256; i += 16) store16(pMTFState + i, load16(list + i));
 }
 
@@ -204,8 +267,10 @@ OzrResult m7_ozrsEncodeZ1Z2_BZ2_8u16u(const Ozr8u** ppSrc, int* pSrcLen, Ozr16u*
     while (in < n) {
         Ozr8u r = src[in];
         if (r == 0) {
-            ++z;
-            ++in;
+            // Zero ranks are counted 16 at a time where the input allows.
+            unsigned run = n - in >= 16 ? runLength16(src + in, _mm_setzero_si128()) : 1;
+            z += run;
+            in += static_cast<int>(run);
             continue;
         }
         if (z) {

@@ -64,6 +64,38 @@ inline int precision(int emax, const OzrsZfpState_32f* s) {
     return p < 0 ? 0 : (p > kPlanes ? kPlanes : int(p));
 }
 
+// ---- The caller's floating-point modes ---------------------------------------------
+// The block coders' float arithmetic (the block maximum, the scaling by powers of
+// two, the conversions between integers and floats) gives the published results only
+// in MXCSR's default modes: denormals-are-zero would read subnormal values as zero,
+// flush-to-zero would drop subnormal results, another rounding mode would round the
+// integer-to-float conversion differently, and an unmasked exception would trap. A
+// caller may have set any of these. The coders run in the default modes and hand
+// MXCSR back as it was, with the status flags their own arithmetic raised. Reading
+// MXCSR costs about a cycle; it is written only when a mode differs. The asm
+// statements clobber memory so that no load or store of the block moves across them.
+class DefaultFloatModes {
+public:
+    DefaultFloatModes() {
+        __asm__ volatile("stmxcsr %0" : "=m"(saved_) : : "memory");
+        if ((saved_ & kModes) != kDefault) set((saved_ & ~kModes) | kDefault);
+    }
+    ~DefaultFloatModes() {
+        if ((saved_ & kModes) == kDefault) return;
+        Ozr32u now;
+        __asm__ volatile("stmxcsr %0" : "=m"(now) : : "memory");
+        set(saved_ | (now & kFlags));
+    }
+    DefaultFloatModes(const DefaultFloatModes&) = delete;
+    DefaultFloatModes& operator=(const DefaultFloatModes&) = delete;
+
+private:
+    // DAZ (bit 6), the exception masks (7..12), rounding control (13, 14), FTZ (15).
+    static constexpr Ozr32u kModes = 0xFFC0, kDefault = 0x1F80, kFlags = 0x3F;
+    static void set(Ozr32u v) { __asm__ volatile("ldmxcsr %0" : : "m"(v) : "memory"); }
+    Ozr32u saved_;
+};
+
 // Float 2^(e - 127) built from its exponent field e (1..254).
 inline __m128 powerOfTwo(int field) { return _mm_castsi128_ps(_mm_set1_epi32(field << 23)); }
 

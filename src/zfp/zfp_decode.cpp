@@ -293,6 +293,7 @@ OzrResult m7_ozrsDecodeZfp444_32f(OzrsZfpState_32f* pState, Ozr32f* pDst, Ozr32s
                                   Ozr32s dstPlaneStep) {
     OZR_CHECK_NULL(pState, pDst);
     if (!initialised(pState)) return ozrErrBadParameter;
+    const DefaultFloatModes modes;
     if (pState->pEnd - pState->pCur >= kFastBytes)
         return decodeBlock<false>(pState, pDst, dstStep, dstPlaneStep);
     return decodeBlock<true>(pState, pDst, dstStep, dstPlaneStep);

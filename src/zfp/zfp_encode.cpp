@@ -200,9 +200,11 @@ OzrResult m7_ozrsEncodeZfpSet_32f(Ozr32s minBits, Ozr32s maxBits, Ozr32s maxPrec
 OzrResult m7_ozrsEncodeZfpSetAccuracy_32f(OzrsZfpState_32f* pState, Ozr64f tolerance) {
     OZR_CHECK_NULL(pState);
     if (!initialised(pState)) return ozrErrBadParameter;
-    if (tolerance > 0) {
-        Ozr64u b;
-        __builtin_memcpy(&b, &tolerance, 8);
+    // tolerance > 0, tested on the bits: a subnormal tolerance counts whatever the
+    // caller's denormals-are-zero mode (positive, not zero, not NaN).
+    Ozr64u b;
+    __builtin_memcpy(&b, &tolerance, 8);
+    if (b - 1 < 0x7FF0000000000000ull) {
         pState->minExp = Ozr32s((b >> 52) & 0x7FF) - 1023;
     } else {
         pState->minExp = kDefaultMinExp;
@@ -215,6 +217,7 @@ OzrResult m7_ozrsEncodeZfp444_32f(const Ozr32f* pSrc, Ozr32s srcStep, Ozr32s src
     OZR_CHECK_NULL(pSrc, pState);
     if (!initialised(pState)) return ozrErrBadParameter;
     OzrsZfpState_32f* const st = pState;
+    const DefaultFloatModes modes;
     if (st->bitCount >= 64) {  // the word that did not fit last time
         if (st->pEnd - st->pCur < 8) return ozrErrOutOfRange;
         __builtin_memcpy(st->pCur, &st->bitBuffer, 8);

@@ -18,6 +18,13 @@ struct ToolError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+class Progress;  // the progress display (files.h), fed by a Reader and a Writer
+
+// A problem the conversion survives (e.g. trailing bytes after the last member):
+// printed as "ozrdc: <message>" unless -q; the exit status becomes 2 (as gzip's
+// warnings) unless an error makes it 1.
+void conversionWarning(const std::string& message);
+
 // Buffered input with look-ahead, so that a format can be recognised on a pipe.
 class Reader {
 public:
@@ -29,22 +36,33 @@ public:
     // Looks at up to n bytes without consuming them.
     size_t peek(void* dst, size_t n);
     const std::string& name() const { return name_; }
+    // Bytes handed out by read() and readExact() so far.
+    uint64_t consumed() const { return consumed_; }
+    void watch(Progress* p) { progress_ = p; }
 
 private:
     std::FILE* f_;
     std::string name_;
     std::vector<unsigned char> pending_;
+    uint64_t consumed_ = 0;
+    Progress* progress_ = nullptr;
 };
 
+// Output sink. A Writer on no file (nullptr) counts and discards: decompress run
+// into it checks every checksum of a file without writing anything (-t).
 class Writer {
 public:
     explicit Writer(std::FILE* f) : f_(f) {}
+    Writer(std::FILE* f, std::string name) : f_(f), name_(std::move(name)) {}
     void write(const void* src, size_t n);
     uint64_t written() const { return written_; }
+    void watch(Progress* p) { progress_ = p; }
 
 private:
     std::FILE* f_;
+    std::string name_;  // for messages; empty: "write error: ..."
     uint64_t written_ = 0;
+    Progress* progress_ = nullptr;
 };
 
 struct CompressOptions {
@@ -68,6 +86,10 @@ struct Format {
     std::function<bool(const unsigned char* head, size_t n)> detect;
     std::function<void(Reader&, Writer&, const CompressOptions&)> compress;
     std::function<void(Reader&, Writer&)> decompress;
+    // Whether the format's own tool keeps its input file after converting it (lz4,
+    // lzop) or removes it (gzip, bzip2): the default of compress and decompress when
+    // they name the output themselves.
+    bool keepsInput = false;
 };
 
 std::vector<Format>& formats();

@@ -217,7 +217,7 @@ bool detectLz4(const unsigned char* head, size_t n) {
 }
 
 const RegisterFormat kLz4{Format{"lz4", ".lz4", "LZ4 frames (independent 4 MiB blocks, content checksum)",
-                                 detectLz4, compressLz4, decompressLz4}};
+                                 detectLz4, compressLz4, decompressLz4, /*keepsInput=*/true}};  // as lz4
 
 }  // namespace
 }  // namespace ozrdc_tool

@@ -211,6 +211,7 @@ RegisterFormat lzoFormat{{
     [](const unsigned char* head, size_t n) { return n >= sizeof kMagic && std::memcmp(head, kMagic, sizeof kMagic) == 0; },
     compressLzop,
     decompressLzop,
+    /*keepsInput=*/true,  // as lzop
 }};
 
 }  // namespace

@@ -237,7 +237,7 @@ RegisterFormat reg{{"zfp", ".zfp",
                     "ZFP-compressed float32 arrays with the zfp tool's -h header (3-D; 1-D and 2-D arrays are "
                     "written as 3-D fields)",
                     [](const unsigned char* head, size_t n) { return n >= 3 && std::memcmp(head, "zfp", 3) == 0; },
-                    compressZfp, decompressZfp}};
+                    compressZfp, decompressZfp, /*keepsInput=*/true}};  // the zfp tool writes beside its input
 
 }  // namespace
 }  // namespace ozrdc_tool

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "codec.h"
+#include "files.h"
 
 namespace ozrdc_tool {
 
@@ -24,6 +25,8 @@ size_t Reader::read(void* dst, size_t n) {
         }
         got += r;
     }
+    consumed_ += got;
+    if (progress_) progress_->tick(false);
     return got;
 }
 
@@ -50,8 +53,10 @@ size_t Reader::peek(void* dst, size_t n) {
 
 void Writer::write(const void* src, size_t n) {
     if (n == 0) return;
-    if (std::fwrite(src, 1, n, f_) != n) throw ToolError(std::string("write error: ") + std::strerror(errno));
+    if (f_ && std::fwrite(src, 1, n, f_) != n)
+        throw ToolError((name_.empty() ? "" : name_ + ": ") + "write error: " + std::strerror(errno));
     written_ += n;
+    if (progress_) progress_->tick(true);
 }
 
 }  // namespace ozrdc_tool
