@@ -598,6 +598,23 @@ TEST(RLE, EncoderEqualsReferenceForEveryPieceAndRoom) {
     }
 }
 
+TEST(RLE, EncoderGivesTheSameBytesForEverySplitInTwoAndThree) {
+    Bytes run = Bytes(262, 'r') + str("rrrrs") + Bytes(5, 0) + str("abbbbbcccc");
+    for (const Bytes& b : {run, str("aaaabaaaaaaab"), periodicBytes(40, 2, 9)}) {
+        const Bytes want = refRLE(b);
+        const size_t n = b.size();
+        for (size_t i = 1; i < n; ++i) {
+            for (size_t j = i; j < n; j += (n - i) / 7 + 1) {
+                RLE e;
+                Bytes got = e.encode(Bytes(b.begin(), b.begin() + static_cast<long>(i)), n, 1000, false);
+                if (j > i) got = got + e.encode(Bytes(b.begin() + static_cast<long>(i), b.begin() + static_cast<long>(j)), n, 1000, false);
+                got = got + e.encode(Bytes(b.begin() + static_cast<long>(j), b.end()), n, 1000, true);
+                ASSERT_EQ(got, want) << i << " " << j;
+            }
+        }
+    }
+}
+
 TEST(RLE, DecoderRestoresEveryBlockWithAnyRoom) {
     for (const Bytes& b : sampleBlocks(5000)) {
         Bytes coded = refRLE(b);
