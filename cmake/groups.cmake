@@ -15,4 +15,5 @@ set(OZRDC_BUILT_GROUPS
   lzss
   bzip2
   zfp
+  bzip2_huff
 )

@@ -1046,6 +1046,144 @@ OzrResult ozrsExpandDictionary_8u_I(const Ozr8u inUse[256], Ozr8u* pSrcDst, int 
 
 
 /* ==== bzip2 block Huffman coding ============================================== */
+/*
+ * The last stage of a bzip2 block and its decoding: the Z1Z2 symbols of a block
+ * (RUNA 0, RUNB 1, rank r as r + 1, and the end-of-block symbol alphaSize - 1 that
+ * the caller appends) coded with 2 to 6 Huffman tables that switch every 50
+ * symbols, with the table section of the block header (table count, selectors,
+ * code lengths), exactly as bzip2 lays them out; and the decoder that turns such a
+ * section and its coded symbols back into the run-length-coded block.
+ *
+ * Bits go most significant first through a caller-held accumulator shared by all
+ * these calls: `*pCode` holds the pending bits left-aligned (the first at bit 31)
+ * and `*pCodeLenBits` their count. Start a stream with both 0; a caller writes or
+ * reads its own header fields (block magic, block CRC, randomised bit, origin
+ * pointer, in-use bitmap) in the same convention and hands the accumulator on.
+ *
+ * Encoding a block of n symbols (end-of-block included) with frequencies freq[]:
+ *   ozrsEncodeHuffGetSize_BZ2_16u8u(n) -> allocate -> ozrsEncodeHuffInit_BZ2_16u8u
+ *   -> ozrsPackHuffContext_BZ2_16u8u (the table section) -> ozrsEncodeHuff_BZ2_16u8u
+ *   (all n symbols in one call).
+ * Decoding a block:
+ *   ozrsDecodeHuffGetSize_BZ2_8u16u(n) -> allocate -> ozrsDecodeHuffInit_BZ2_8u16u
+ *   (alphaSize = in-use count + 2) -> ozrsUnpackHuffContext_BZ2_8u16u until ozrOk
+ *   -> ozrsDecodeHuff_BZ2_8u16u until ozrOk (end of block seen) ->
+ *   ozrsDecodeBlock_BZ2_16u8u on the symbols without the end-of-block symbol ->
+ *   the RLE decoder. Init again before the next block.
+ */
+
+/* Encoder state. Caller-owned, ozrsEncodeHuffGetSize_BZ2_16u8u bytes (7780 + two
+ * bytes per 50-symbol group), so larger than sizeof: the selectors follow `lens`.
+ * Init stores pointers into the record itself: do not move or copy it after Init.
+ * The fields may be read after Init. */
+typedef struct OzrsEncodeHuffState_BZ2 {
+    Ozr32s  alphaSize;      /* symbol values 0 .. alphaSize - 1, at most 258 */
+    Ozr32s  numSelectors;   /* 50-symbol groups: (n + 49) / 50 */
+    Ozr32s  numTables;      /* 2..6 */
+    Ozr32u* pCodes;         /* -> codes */
+    Ozr8u*  pLens;          /* -> lens */
+    Ozr8u*  pSelectors;     /* -> the selectors behind lens: numSelectors table
+                               indexes, then their move-to-front ranks */
+    Ozr32u  codes[6 * 258]; /* code word of symbol s in table t at [t * 258 + s] */
+    Ozr8u   lens[6 * 258];  /* its length in bits, 1..17 */
+} OzrsEncodeHuffState_BZ2;
+
+/* Decoder state: caller-owned, ozrsDecodeHuffGetSize_BZ2_8u16u bytes; its layout is
+ * internal. Init stores pointers into it: do not move or copy it after Init. */
+typedef struct OzrsDecodeHuffState_BZ2 OzrsDecodeHuffState_BZ2;
+
+/* *pSize = (n + 49) / 50 * 2 + 7780, the encoder state for a block of n symbols.
+ * Errors: pSize null -> ozrErrNullPointer; n < 1 -> ozrErrSize. */
+OzrResult ozrsEncodeHuffGetSize_BZ2_16u8u(int n, int* pSize);
+
+/* Builds the tables and selectors for the n symbols at pSrc (values below
+ * alphaSize, at most 258) whose counts are pFreqTable[0 .. alphaSize): the table
+ * count by n (fewer than 200 symbols 2, then 3, 4, 5 from 600, 1200, 2400 on 6),
+ * bzip2's initial partition of the alphabet, four passes of choosing the cheapest
+ * table per 50-symbol group and rebuilding the codes (lengths limited to 17 bits),
+ * canonical code words. Symbols with count 0 get codes too. Errors: pFreqTable,
+ * pSrc or pState null -> ozrErrNullPointer; alphaSize < 1 or n < 1 -> ozrErrSize
+ * (alphaSize above 258 also -> ozrErrSize). */
+OzrResult ozrsEncodeHuffInit_BZ2_16u8u(int alphaSize, const int* pFreqTable, const Ozr16u* pSrc, int n,
+                                       OzrsEncodeHuffState_BZ2* pState);
+
+/* Writes the table section: table count (3 bits), selector count (15 bits), each
+ * selector's move-to-front rank j as j one-bits and a zero-bit, then per table the
+ * first length in 5 bits and per symbol the steps 10 (+1) / 11 (-1) ended by 0.
+ * *pDstLen: in, the room; out, the bytes written. Whole bytes are written while room
+ * remains; up to 7 bits stay pending in the accumulator. Returns
+ * ozrWarnDstSizeLess when the room ran out with 33 or more bits pending (the output
+ * is then unusable: retry with more room), else ozrOk. Errors: any pointer null ->
+ * ozrErrNullPointer; *pDstLen < 1 -> ozrErrSize. */
+OzrResult ozrsPackHuffContext_BZ2_16u8u(Ozr32u* pCode, int* pCodeLenBits, Ozr8u* pDst, int* pDstLen,
+                                        const OzrsEncodeHuffState_BZ2* pState);
+
+/* Codes the *pSrcLen symbols at *ppSrc, group g with table selector g (the group
+ * count restarts at 0 on every call: pass the whole block). Out: *ppSrc advanced
+ * and *pSrcLen 0, *pDstLen = bytes written, the accumulator holds what is pending.
+ * Status as for ozrsPackHuffContext_BZ2_16u8u. Errors: pCode, pCodeLenBits, ppSrc,
+ * pSrcLen null, then *ppSrc, pDst, pDstLen or pState null -> ozrErrNullPointer;
+ * *pDstLen < 1 -> ozrErrSize. */
+OzrResult ozrsEncodeHuff_BZ2_16u8u(Ozr32u* pCode, int* pCodeLenBits, const Ozr16u** ppSrc, int* pSrcLen,
+                                   Ozr8u* pDst, int* pDstLen, const OzrsEncodeHuffState_BZ2* pState);
+
+/* *pSize = (n + 49) / 50 + 9364: a decoder state for blocks of at most n symbols
+ * (one selector byte per 50-symbol group). Unpacking stores as many selectors as
+ * the table section announces (up to 18002) and the state cannot know the n it was
+ * sized for: for input from outside, size it with n = 900050 (18002 groups, the
+ * bzip2 maximum at every level). Errors: pSize null -> ozrErrNullPointer; n < 1 ->
+ * ozrErrSize. */
+OzrResult ozrsDecodeHuffGetSize_BZ2_8u16u(int n, int* pSize);
+
+/* Prepares a state for one block whose symbols are 0 .. alphaSize - 1, the last
+ * being end-of-block: stores alphaSize, clears the progress of a block or of an
+ * unpack, sets the internal pointers. Errors: pState null -> ozrErrNullPointer;
+ * alphaSize < 1 or above 258 -> ozrErrSize. */
+OzrResult ozrsDecodeHuffInit_BZ2_8u16u(int alphaSize, OzrsDecodeHuffState_BZ2* pState);
+
+/* Reads the table section from the accumulator and the *pSrcLen bytes at *ppSrc,
+ * and builds the decoding tables. Resumable: when the input ends inside the section
+ * it returns ozrWarnSrcSizeLess having consumed all of it, and the next call with
+ * more input goes on where it stopped (keep the accumulator). *ppSrc / *pSrcLen
+ * advance and shrink by the bytes taken in; after ozrOk up to 32 bits of what
+ * follows may be pending. Errors: any pointer null or *ppSrc null ->
+ * ozrErrNullPointer; *pSrcLen < 1 -> ozrErrSize; a table count outside 2..6, a
+ * selector count of 0 or above 18002, a selector rank
+ * not below the table count, a length leaving 1..20, or lengths that do not form a
+ * complete prefix code -> ozrErrHuffTable. */
+OzrResult ozrsUnpackHuffContext_BZ2_8u16u(Ozr32u* pCode, int* pCodeLenBits, const Ozr8u** ppSrc, int* pSrcLen,
+                                          OzrsDecodeHuffState_BZ2* pState);
+
+/* Decodes symbols into pDst until the end-of-block symbol (written too, and counted),
+ * until the *pDstLen room is full, or until the pending bits and the input hold no
+ * complete code. Resumable across input pieces: the group position is kept in the
+ * state. Out: *ppSrc / *pSrcLen advance and shrink by the bytes taken in, *pDstLen =
+ * symbols written, the accumulator holds the pending bits. Returns ozrOk at the end
+ * of the block, ozrWarnSrcSizeLess when the input is used up first,
+ * ozrWarnDstSizeLess when the room filled first, ozrErrFailed for a block with more
+ * groups than selectors. Errors: pCode, pCodeLenBits, ppSrc, pSrcLen null, then
+ * *ppSrc, pDst, pDstLen or pState null -> ozrErrNullPointer; *pDstLen < 1 ->
+ * ozrErrSize; a state whose table section was not unpacked -> ozrErrFailed. */
+OzrResult ozrsDecodeHuff_BZ2_8u16u(Ozr32u* pCode, int* pCodeLenBits, const Ozr8u** ppSrc, int* pSrcLen,
+                                   Ozr16u* pDst, int* pDstLen, OzrsDecodeHuffState_BZ2* pState);
+
+/* *pSize = 4 * n, the work buffer of ozrsDecodeBlock_BZ2_16u8u for a block of up to
+ * n bytes. Errors: pSize null -> ozrErrNullPointer; n >= 2^24 (or negative) ->
+ * ozrErrSize. */
+OzrResult ozrsDecodeBlockGetSize_BZ2_8u(int n, int* pSize);
+
+/* Turns srcLen Z1Z2 symbols (without end-of-block) into the run-length-coded block:
+ * zero runs and move-to-front ranks, mapped through the sizeDictionary byte values
+ * marked 1 in inUse, then the inverse Burrows-Wheeler transform with origin pointer
+ * `index`. *pDstLen: in, the room (at most 16777215 bytes); out, the block length.
+ * pBuffer: ozrsDecodeBlockGetSize_BZ2_8u(room) bytes of work space. Errors: pSrc,
+ * pDst, pDstLen, inUse or pBuffer null -> ozrErrNullPointer; srcLen < 1, a room
+ * outside 0..16777215, index < 0 or index >= the room, sizeDictionary above 256 ->
+ * ozrErrSize; sizeDictionary not the number of values in use, a rank beyond the
+ * alphabet, a block longer than the room (*pDstLen = the length reached), or an
+ * index not below the decoded length -> ozrErrFailed. */
+OzrResult ozrsDecodeBlock_BZ2_16u8u(const Ozr16u* pSrc, int srcLen, Ozr8u* pDst, int* pDstLen, int index,
+                                    int sizeDictionary, const Ozr8u inUse[256], Ozr8u* pBuffer);
 
 
 
