@@ -3,7 +3,8 @@
  * x86-64, SSE3 variant "m7").
  *
  * The library gives the pieces that compressors and file formats are built from:
- * checksums, LZ4 and LZO1X block coding, ZFP float blocks and more. It allocates
+ * checksums, Deflate encoding and resumable Inflate, LZ4 and LZO1X block coding,
+ * LZSS, the stages of the bzip2 block-sorting pipeline and ZFP float blocks. It allocates
  * nothing, keeps no global mutable state and starts no threads: every state record,
  * table and buffer belongs to the caller, who asks its size (...GetSize), allocates
  * it, prepares it (...Init), uses it, and frees it. Calls are re-entrant; two calls
