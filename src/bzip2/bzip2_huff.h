@@ -6,27 +6,6 @@
 #include "bzip2_internal.h"
 #include "m7.h"
 
-extern "C" {
-// The entry points of this part, declared here too so that the tests reach them
-// whether or not the group is exported.
-OzrResult m7_ozrsEncodeHuffGetSize_BZ2_16u8u(int n, int* pSize);
-OzrResult m7_ozrsEncodeHuffInit_BZ2_16u8u(int alphaSize, const int* pFreqTable, const Ozr16u* pSrc, int n,
-                                          OzrsEncodeHuffState_BZ2* pState);
-OzrResult m7_ozrsPackHuffContext_BZ2_16u8u(Ozr32u* pCode, int* pCodeLenBits, Ozr8u* pDst, int* pDstLen,
-                                           const OzrsEncodeHuffState_BZ2* pState);
-OzrResult m7_ozrsEncodeHuff_BZ2_16u8u(Ozr32u* pCode, int* pCodeLenBits, const Ozr16u** ppSrc, int* pSrcLen,
-                                      Ozr8u* pDst, int* pDstLen, const OzrsEncodeHuffState_BZ2* pState);
-OzrResult m7_ozrsDecodeHuffGetSize_BZ2_8u16u(int n, int* pSize);
-OzrResult m7_ozrsDecodeHuffInit_BZ2_8u16u(int alphaSize, OzrsDecodeHuffState_BZ2* pState);
-OzrResult m7_ozrsUnpackHuffContext_BZ2_8u16u(Ozr32u* pCode, int* pCodeLenBits, const Ozr8u** ppSrc, int* pSrcLen,
-                                             OzrsDecodeHuffState_BZ2* pState);
-OzrResult m7_ozrsDecodeHuff_BZ2_8u16u(Ozr32u* pCode, int* pCodeLenBits, const Ozr8u** ppSrc, int* pSrcLen,
-                                      Ozr16u* pDst, int* pDstLen, OzrsDecodeHuffState_BZ2* pState);
-OzrResult m7_ozrsDecodeBlockGetSize_BZ2_8u(int n, int* pSize);
-OzrResult m7_ozrsDecodeBlock_BZ2_16u8u(const Ozr16u* pSrc, int srcLen, Ozr8u* pDst, int* pDstLen, int index,
-                                       int sizeDictionary, const Ozr8u inUse[256], Ozr8u* pBuffer);
-}
-
 namespace m7::bz2 {
 
 constexpr int kMaxAlpha = 258;       // 256 byte values + RUNA/RUNB - 1 + end-of-block
