@@ -3,9 +3,10 @@
 // The caller's MTF state is a 256-byte table read in two ways: forward it maps a
 // byte value to its rank, inverse it maps a rank to the byte. Inside a call both
 // directions work on the list form (rank -> byte) in a local copy padded by 16 bytes
-// on each side, so that moving a byte to the front is one overlapping 16-byte
-// load/store per 16 ranks, and finding a byte is a 16-lane compare. After a BWT the
-// ranks are mostly 0 and 1, which take a short path of their own.
+// on each side, with the first 16 ranks held in registers: after a BWT most ranks
+// are below 16, and most of those are 0, so moving a byte to the front is usually
+// a register operation. Past rank 16 the list in memory moves up one place with
+// overlapping 16-byte loads/stores, and finding a byte is a 16-lane compare.
 #include <emmintrin.h>
 
 #include "bzip2_internal.h"
@@ -40,6 +41,28 @@ struct FrontMasks {
     }
 };
 constexpr FrontMasks frontMask{};
+
+// splat.v[b]: byte b in all 16 lanes, the search key of a byte in one load.
+struct Splats {
+    alignas(16) Ozr8u v[256][16];
+    constexpr Splats() : v{} {
+        for (int b = 0; b < 256; ++b)
+            for (int i = 0; i < 16; ++i) v[b][i] = static_cast<Ozr8u>(b);
+    }
+};
+constexpr Splats splat{};
+
+// wordMask.below[r]: bytes 0..r of a 64-bit word set, the part that moves for rank r.
+struct WordMasks {
+    Ozr64u below[8], above[8];
+    constexpr WordMasks() : below{}, above{} {
+        for (int r = 0; r < 8; ++r) {
+            below[r] = r == 7 ? ~Ozr64u(0) : (Ozr64u(1) << (8 * r + 8)) - 1;
+            above[r] = ~below[r];
+        }
+    }
+};
+constexpr WordMasks wordMask{};
 
 // Moves the byte at rank r (< 16) of the front to rank 0.
 inline __m128i frontToFront(__m128i front, unsigned r, Ozr8u s) {
@@ -143,14 +166,14 @@ void m7_ownsMTFFwd_8u(const Ozr8u* pSrc, Ozr8u* pDst, int len, Ozr8u* pMTFState)
         return;
     }
     __m128i front = load16(list);
+    const __m128i byte0 = _mm_cvtsi32_si128(0xFF);
     Ozr8u first = list[0];
     for (int k = 0; k < len; ++k) {
         Ozr8u s = pSrc[k];
         if (s == first) {
             // A run of the front byte: all zeros, 16 bytes a step.
             if (len - k >= 16) {
-                const __m128i key = _mm_set1_epi8(static_cast<char>(s));
-                unsigned run = runLength16(pSrc + k, key);
+                unsigned run = runLength16(pSrc + k, _mm_load_si128(reinterpret_cast<const __m128i*>(splat.v[s])));
                 storeHead(pDst + k, run, _mm_setzero_si128(), load16(pDst + k));
                 k += static_cast<int>(run) - 1;
             } else {
@@ -158,58 +181,64 @@ void m7_ownsMTFFwd_8u(const Ozr8u* pSrc, Ozr8u* pDst, int len, Ozr8u* pMTFState)
             }
             continue;
         }
-        unsigned m = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(front, _mm_set1_epi8(static_cast<char>(s)))));
+        first = s;
+        const __m128i key = _mm_load_si128(reinterpret_cast<const __m128i*>(splat.v[s]));
+        unsigned m = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(front, key)));
         if (m) {
             unsigned r = m7::trailingZeros64(m);
             pDst[k] = static_cast<Ozr8u>(r);
             front = frontToFront(front, r, s);
         } else {
-            store16(list, front);
+            // Rank 16 or more: list[16..) is current in memory (list[0..16) is
+            // stale, the front holds it). The front's last byte drops to rank 16.
             unsigned r = findRank(list, s, 16);
             pDst[k] = static_cast<Ozr8u>(r);
-            shiftUp(list, r);
-            list[0] = s;
-            front = load16(list);
+            shiftUp(list + 16, r - 16);
+            list[16] = static_cast<Ozr8u>(_mm_extract_epi16(front, 7) >> 8);
+            front = _mm_or_si128(_mm_slli_si128(front, 1), _mm_and_si128(key, byte0));
         }
-        first = s;
     }
     store16(list, front);
     for (unsigned r = 0; r < 256; ++r) pMTFState[list[r]] = static_cast<Ozr8u>(r);
 }
 
 void m7_ownsMTFInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int len, Ozr8u* pMTFState) {
+    // Ranks 0..7 live in `lo` and 8..15 in `hi` (rank i at byte i % 8), the rest in
+    // list[16..). Moving a byte to the front within a word is a shift and a masked
+    // merge whose masks come from the rank alone, so the word's next value waits
+    // only on one shift and two logic operations.
     PaddedList pl;
     Ozr8u* list = pl.list();
     for (int i = 0; i < 256; i += 16) store16(list + i, load16(pMTFState + i));
-    __m128i front = load16(list);
-    alignas(16) Ozr8u spill[16];
+    Ozr64u lo = 0, hi = 0;
+    for (int i = 7; i >= 0; --i) {
+        lo = (lo << 8) | list[i];
+        hi = (hi << 8) | list[8 + i];
+    }
     for (int k = 0; k < len; ++k) {
         unsigned r = pSrc[k];
-        if (r == 0 && len - k >= 16) {
-            // A run of rank 0: the front byte repeated, 16 ranks a step.
-            unsigned run = runLength16(pSrc + k, _mm_setzero_si128());
-            const __m128i fill = _mm_set1_epi8(static_cast<char>(_mm_cvtsi128_si32(front)));
-            storeHead(pDst + k, run, fill, load16(pDst + k));
-            k += static_cast<int>(run) - 1;
-            continue;
-        }
-        if (r < 16) {
-            // The byte at rank r, read back from a spill of the front (a load that
-            // lies inside one store is forwarded from it).
-            _mm_store_si128(reinterpret_cast<__m128i*>(spill), front);
-            Ozr8u s = spill[r];
+        if (r < 8) {
+            Ozr64u s = (lo >> (8 * r)) & 0xFF;
+            pDst[k] = static_cast<Ozr8u>(s);
+            lo = ((lo << 8) & wordMask.below[r]) | (lo & wordMask.above[r]) | s;
+        } else if (r < 16) {
+            Ozr64u s = (hi >> (8 * (r - 8))) & 0xFF;
+            pDst[k] = static_cast<Ozr8u>(s);
+            hi = ((hi << 8) & wordMask.below[r - 8]) | (hi & wordMask.above[r - 8]) | (lo >> 56);
+            lo = (lo << 8) | s;
+        } else {
+            Ozr8u s = list[r];
             pDst[k] = s;
-            if (r) front = frontToFront(front, r, s);
-            continue;
+            shiftUp(list + 16, r - 16);
+            list[16] = static_cast<Ozr8u>(hi >> 56);
+            hi = (hi << 8) | (lo >> 56);
+            lo = (lo << 8) | s;
         }
-        store16(list, front);
-        Ozr8u s = list[r];
-        pDst[k] = s;
-        shiftUp(list, r);
-        list[0] = s;
-        front = load16(list);
     }
-    store16(list, front);
+    for (int i = 0; i < 8; ++i) {
+        list[i] = static_cast<Ozr8u>(lo >> (8 * i));
+        list[8 + i] = static_cast<Ozr8u>(hi >> (8 * i));
+    }
     for (int i = 0; i < 256; i += 16) store16(pMTFState + i, load16(list + i));
 }
 
