@@ -167,11 +167,9 @@ __attribute__((always_inline)) inline FastExit fastLoop(Cursor& c, const Tables&
         bb >>= k;
         n -= k;
     };
-    // The next entry, tested for a literal before any second-level lookup.
-    auto next = [&] {
-        const unsigned e = litRoot<T>(tb, bb);
-        return isLiteral(e) ? e : litResolve<T>(tb, bb, e);
-    };
+    // The next entry's first level; the literal tests below come before any
+    // second-level lookup, which happens once, where the literals end.
+    auto next = [&] { return litRoot<T>(tb, bb); };
     // Each entry is looked up as soon as the previous code's bits are consumed, ahead
     // of the refill and of the previous match's copy, so that the lookup is off their
     // path. That is sound because a refill leaves all 64 bits of the buffer holding
@@ -201,6 +199,15 @@ __attribute__((always_inline)) inline FastExit fastLoop(Cursor& c, const Tables&
                 }
             }
             refill();
+        }
+        // Not a first-level literal: follow a link (no bits were consumed since the
+        // lookup, and the refill left the low bits as they were).
+        e = litResolve<T>(tb, bb, e);
+        if (isLiteral(e)) {
+            consume(e & 63);
+            *op++ = static_cast<Ozr8u>(e >> 8);
+            e = next();
+            continue;
         }
         const unsigned kind = (e >> 4) & 15;
         if (__builtin_expect(kind >= kKindLength && kind != kKindEnd, 1)) {
