@@ -167,30 +167,47 @@ __attribute__((always_inline)) inline FastExit fastLoop(Cursor& c, const Tables&
         bb >>= k;
         n -= k;
     };
-    // The next entry, tested for a literal before any second-level lookup.
-    auto next = [&] {
-        const unsigned e = litRoot<T>(tb, bb);
-        return isLiteral(e) ? e : litResolve<T>(tb, bb, e);
-    };
+    // The next entry's first level; the literal tests below come before any
+    // second-level lookup, which happens once, where the literals end.
+    auto next = [&] { return litRoot<T>(tb, bb); };
+    // Each entry is looked up as soon as the previous code's bits are consumed, ahead
+    // of the refill and of the previous match's copy, so that the lookup is off their
+    // path. That is sound because a refill leaves all 64 bits of the buffer holding
+    // stream bits and a lookup reads at most 15: up to 48 bits (a length code, its
+    // extra bits, a distance code and its extra bits) are consumed before the next
+    // lookup, and the refill only ORs the same stream bits in again above them.
+    refill();
+    unsigned e = next();
     while (ip < inLimit && op < outLimit) {
         refill();
-        unsigned e = next();
         if (isLiteral(e)) {
-            // Three literal codes of up to 15 bits fit in the 56 bits.
-            consume(e & 15);
+            // Three literal codes of up to 15 bits fit in the 56 bits. A literal's kind
+            // bits are zero, so its entry & 63 is its length: the mask matches the one
+            // a 64-bit shift applies anyway and drops out, one step less per literal.
+            consume(e & 63);
             *op++ = static_cast<Ozr8u>(e >> 8);
             e = next();
             if (isLiteral(e)) {
-                consume(e & 15);
+                consume(e & 63);
                 *op++ = static_cast<Ozr8u>(e >> 8);
                 e = next();
                 if (isLiteral(e)) {
-                    consume(e & 15);
+                    consume(e & 63);
                     *op++ = static_cast<Ozr8u>(e >> 8);
+                    e = next();
                     continue;
                 }
             }
             refill();
+        }
+        // Not a first-level literal: follow a link (no bits were consumed since the
+        // lookup, and the refill left the low bits as they were).
+        e = litResolve<T>(tb, bb, e);
+        if (isLiteral(e)) {
+            consume(e & 63);
+            *op++ = static_cast<Ozr8u>(e >> 8);
+            e = next();
+            continue;
         }
         const unsigned kind = (e >> 4) & 15;
         if (__builtin_expect(kind >= kKindLength && kind != kKindEnd, 1)) {
@@ -210,6 +227,7 @@ __attribute__((always_inline)) inline FastExit fastLoop(Cursor& c, const Tables&
             consume(d & 15);
             const size_t dist = (d >> 16) + static_cast<size_t>(lowBits(bb, dExtra));
             consume(dExtra);
+            const unsigned following = next();
             if (__builtin_expect(dist > static_cast<size_t>(op - outBase) ||
                                      len + kMatchOvershoot > static_cast<size_t>(outEnd - op), 0)) {
                 mLen = static_cast<Ozr32u>(len);
@@ -219,6 +237,7 @@ __attribute__((always_inline)) inline FastExit fastLoop(Cursor& c, const Tables&
             }
             copyMatchWild(op, dist, len);
             op += len;
+            e = following;
             continue;
         }
         if (kind == kKindEnd) {
