@@ -83,10 +83,13 @@ template <class Sink>
 bool fastestCore(const History& h, Ozr32s* head, int shift, long& p, long e, bool flushAll, Sink& sink) {
     const long probeEnd = flushAll ? e - 3 : e - kLookahead;  // a probe needs 4 bytes
     long misses = 0;
+    // The head entry of the next position is requested while this one is coded: the
+    // loop's cost is mostly the latency of that load.
+    Ozr32u nextHv = p < probeEnd ? fastHash(h.at(p), shift) : 0;
     while (p < probeEnd) {
         if (!sink.room()) return false;
         const Ozr8u* pp = h.at(p);
-        const Ozr32u hv = fastHash(pp, shift);
+        const Ozr32u hv = nextHv;
         const long cand = head[hv];
         head[hv] = static_cast<Ozr32s>(p);
         const long maxLen = e - p < kMaxMatch ? e - p : kMaxMatch;
@@ -94,6 +97,10 @@ bool fastestCore(const History& h, Ozr32s* head, int shift, long& p, long e, boo
             const bool same = cand >= h.start ? load32(h.at(cand)) == load32(pp) : h.length(p, cand, 4) == 4;
             if (same) {
                 const int len = 4 + h.length(p + 4, cand + 4, static_cast<int>(maxLen) - 4);
+                if (p + len < probeEnd) {
+                    nextHv = fastHash(h.at(p + len), shift);
+                    __builtin_prefetch(head + nextHv, 1);
+                }
                 sink.match(len, p - cand);
                 if (len <= kInsertUpTo) {
                     for (long q = p + 1; q < p + len && q < probeEnd; ++q)
@@ -106,11 +113,17 @@ bool fastestCore(const History& h, Ozr32s* head, int shift, long& p, long e, boo
                 continue;
             }
         }
-        sink.literal(*pp);
-        p += 1;
         // Skipping: after a run of misses, code a few literals without probing.
         const long skip = (++misses) >> kSkipTrigger;
+        const long q = p + 1 + skip;
+        if (q < probeEnd) {
+            nextHv = fastHash(h.at(q), shift);
+            __builtin_prefetch(head + nextHv, 1);
+        }
+        sink.literal(*pp);
+        p += 1;
         for (long k = 0; k < skip && p < probeEnd && sink.room(); ++k, ++p) sink.literal(*h.at(p));
+        if (p != q && p < probeEnd) nextHv = fastHash(h.at(p), shift);  // the skip stopped early
     }
     if (!flushAll) return true;
     while (p < e) {
