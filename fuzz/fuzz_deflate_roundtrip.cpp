@@ -104,6 +104,12 @@ Bytes fastest(const uint8_t* d, size_t n, Ozr32u w, Rng& rng) {
     std::vector<Ozr32s> head(1u << (8 + rng.next(9)), -32768);
     const Ozr32u hashSize = static_cast<Ozr32u>(head.size());
     Bytes win(w);
+    // Flat: the window is the w bytes before the source in one buffer (zeros, then
+    // the data, its end against the guard page), the coder's word-compare loop.
+    const bool flat = rng.next(2) == 0;
+    GuardedBuffer joined(w + n);
+    std::fill(joined.data(), joined.data() + w, 0);
+    std::copy(d, d + n, joined.data() + w);
     Bits s;
     size_t at = 0;
     Ozr32u idx = 0;
@@ -125,11 +131,12 @@ Bytes fastest(const uint8_t* d, size_t n, Ozr32u w, Rng& rng) {
                 window(d, at, w, win);
                 static const Ozr8u none = 0;
                 const Ozr8u* src = at < n ? d + at : &none;
+                if (flat) src = joined.data() + w + at;
                 Ozr32u len = static_cast<Ozr32u>(avail - at);
                 const Ozr32u roomLen = 1 + rng.next(5000);
                 GuardedBuffer out(roomLen);
                 Ozr32u o = 0;
-                const OzrResult st = ozrsDeflateLZ77Fastest_8u(&src, &len, &idx, win.data(), w, head.data(), hashSize,
+                const OzrResult st = ozrsDeflateLZ77Fastest_8u(&src, &len, &idx, flat ? src - w : win.data(), w, head.data(), hashSize,
                                                                out.data(), roomLen, &o, &s.code, &s.bits, lc, dc, nullptr, nullptr, flush);
                 if (st != ozrOk && st != ozrWarnDstSizeLess) std::abort();
                 s.out.insert(s.out.end(), out.data(), out.data() + o);

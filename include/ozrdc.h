@@ -288,7 +288,12 @@ OzrResult ozrsDeflateHuff_8u(const Ozr8u* pLitSrc, const Ozr16u* pDistSrc, Ozr32
  * (0..16) pending bits in *pCode, into pDst from byte *pDstIdx on (pDst holds
  * dstLen bytes). pWindow, winSize, pHashHead, hashSize, *pSrcIdx: as for
  * ozrsDeflateLZ77_8u (head table only; fill it with -32768 first, and do not share
- * it with the chained matchers: this mode hashes differently). flush < 2: the last
+ * it with the chained matchers: this mode keeps 16-bit positions in at most 32 KiB
+ * of it; near 2^31 *pSrcIdx drops by a multiple of 65536 and the table is left as
+ * it is). A stream starts at *pSrcIdx 0 (any earlier position of the stream, from 0
+ * on and within the window, may be referenced). Fastest when pWindow is the winSize
+ * bytes right before *ppSrc in one buffer: no copy, and word compares across the
+ * window's end. flush < 2: the last
  * 261 unread bytes are left for the next call; 2: everything is coded; 3: as 2, then
  * the end-of-block code. No block header is written. pLitStat / pDistStat (286 and
  * 30 counts, both given or both null): each written symbol is added to them, the

@@ -572,6 +572,7 @@ struct FastestOptions {
     size_t pieceBytes = 1 << 30;   // calls within a block
     Ozr32u outRoom = 1 << 20;      // output room per call
     Ozr32u hashSize = 1 << 14;
+    bool flat = false;             // the window is the 32 KiB before the source in one buffer
 };
 
 // A whole raw Deflate stream from the fastest mode: per block, statistics from the
@@ -581,6 +582,8 @@ Bytes fastestStream(const Bytes& d, const FastestOptions& o) {
     const Ozr32u winSize = 32768;
     std::vector<Ozr32s> head(o.hashSize, -32768);
     Bytes window(winSize), out;
+    Bytes joined(winSize + d.size() + 1, 0);  // zeros, then the data (flat)
+    std::copy(d.begin(), d.end(), joined.begin() + winSize);
     std::vector<Ozr8u> room(o.outRoom);
     Ozr16u code = 0;
     Ozr32u bits = 0, idx = 0;
@@ -621,9 +624,11 @@ Bytes fastestStream(const Bytes& d, const FastestOptions& o) {
                 }
                 static const Ozr8u none = 0;
                 const Ozr8u* src = at < d.size() ? d.data() + at : &none;
+                if (o.flat) src = joined.data() + winSize + at;
+                const Ozr8u* win = o.flat ? src - winSize : window.data();
                 Ozr32u len = static_cast<Ozr32u>(pieceEnd - at), sidx = static_cast<Ozr32u>(at);
                 idx = 0;
-                const OzrResult st = ozrsDeflateLZ77Fastest_8u(&src, &len, &sidx, window.data(), winSize, head.data(), o.hashSize,
+                const OzrResult st = ozrsDeflateLZ77Fastest_8u(&src, &len, &sidx, win, winSize, head.data(), o.hashSize,
                                                                room.data(), o.outRoom, &idx, &code, &bits, lc.data(), dc.data(),
                                                                prevLit.data(), prevDist.data(), flush);
                 EXPECT_TRUE(st == ozrOk || st == ozrWarnDstSizeLess) << st;
@@ -641,12 +646,14 @@ Bytes fastestStream(const Bytes& d, const FastestOptions& o) {
 
 TEST(DeflateFastest, StreamsInflateWithZlibWhateverTheBlocksPiecesAndRoom) {
     for (const Sample& smp : samples())
-        for (int variant = 0; variant < 5; ++variant) {
+        for (int variant = 0; variant < 7; ++variant) {
             FastestOptions o;
             if (variant == 1) o.fixed = true;
             if (variant == 2) { o.blockBytes = 10000; o.pieceBytes = 3001; }
             if (variant == 3) { o.outRoom = 40; o.hashSize = 256; }
             if (variant == 4) { o.pieceBytes = 261; o.blockBytes = 50000; }
+            if (variant == 5) { o.flat = true; o.hashSize = 1 << 15; }
+            if (variant == 6) { o.flat = true; o.pieceBytes = 300; o.outRoom = 40; }
             SCOPED_TRACE(std::string(smp.name) + " variant " + std::to_string(variant));
             const Bytes stream = fastestStream(smp.data, o);
             Bytes out;
