@@ -12,7 +12,8 @@
 // safe, and positions need no rebasing beyond multiples of 65536. A stream starts at
 // position 0: positions from 0 on may be referenced.
 //
-// A match of 4..258 bytes is taken greedily; after a short one the inner positions
+// A match of 4..258 bytes is taken greedily (the fast loop tries the position just
+// before when the slot's is out of reach: runs); after a short one the inner positions
 // 1..3 are hashed, after a long one its last three. After a run of misses the step
 // between probes grows, so incompressible data passes quickly. The same core counts
 // symbols for ozrsDeflateLZ77FastestGetStat_8u.
@@ -33,11 +34,13 @@ struct Heads {
     Ozr32u hashOf(Ozr32u v) const { return (v * 2654435761u) >> shift; }
     Ozr32u hash(const Ozr8u* q) const { return hashOf(load32(q)); }
     // The candidate of position p from slot hv: the last position below p with the
-    // slot's low 16 bits when it is at least 0 and within maxDist, else p itself.
-    long cand(Ozr32u hv, long p, Ozr64u maxDist) const {
+    // slot's low 16 bits when it is at least 0 and within maxDist, else `none` (p
+    // itself, or for p >= 1 the always usable p - 1: the fast loop then needs only
+    // the test on the bytes).
+    long cand(Ozr32u hv, long p, Ozr64u maxDist, long none) const {
         const Ozr64u dm1 = static_cast<Ozr16u>(static_cast<Ozr16u>(p - 1) - t[hv]);  // distance - 1
         const Ozr64u lim = static_cast<Ozr64u>(p) < maxDist ? static_cast<Ozr64u>(p) : maxDist;
-        return dm1 < lim ? p - 1 - static_cast<long>(dm1) : p;
+        return dm1 < lim ? p - 1 - static_cast<long>(dm1) : none;
     }
     void set(Ozr32u hv, long p) { t[hv] = static_cast<Ozr16u>(p); }
 };
@@ -165,23 +168,29 @@ bool fastestCore(const History& h, Heads hd, long& p, long e, bool flushAll, Sin
         // one turns out a literal, before the test is known (a mispredicted test then
         // does not wait for it); a short match takes the next position's bytes from a
         // word loaded before its length is known. cand0 is the current position's
-        // candidate, or the position itself when none is in reach.
+        // candidate, or the position before it when the slot's is out of reach.
         Ozr32u hv = 0;
         long cand0 = p;
         const auto probe = [&] {
             hv = hd.hash(base + p);
-            cand0 = hd.cand(hv, p, maxDist);
+            cand0 = hd.cand(hv, p, maxDist, p - 1);
         };
+        if (p == 0 && fastEnd > 0) {  // position 0 has nothing before it
+            if (!sink.room()) return false;
+            hd.set(hd.hash(base), 0);
+            sink.literal(base[0]);
+            p = 1;
+        }
         if (p < fastEnd) probe();
         while (p < fastEnd) {
             if (!sink.room()) return false;
             const Ozr64u cur = load64(base + p);
             const Ozr32u hv1 = hd.hashOf(static_cast<Ozr32u>(cur >> 8));
-            long cand1 = hd.cand(hv1, p + 1, maxDist);
+            long cand1 = hd.cand(hv1, p + 1, maxDist, p);
             hd.set(hv, p);
             cand1 = hv1 == hv ? p : cand1;  // the slot was read before p went in
             const Ozr64u x = cur ^ load64(base + cand0);
-            if (cand0 != p && static_cast<Ozr32u>(x) == 0) {
+            if (static_cast<Ozr32u>(x) == 0) {
                 if (x != 0) {
                     // A match of 4..7 bytes: the next position's 4 bytes are in `ahead`,
                     // the inner positions' in `cur`.
@@ -194,7 +203,7 @@ bool fastestCore(const History& h, Heads hd, long& p, long e, bool flushAll, Sin
                     hd.set(hd.hashOf(static_cast<Ozr32u>(cur >> 16)), p + 2);
                     hd.set(hd.hashOf(static_cast<Ozr32u>(cur >> 24)), p + 3);
                     p += len;
-                    cand0 = hd.cand(hv, p, maxDist);
+                    cand0 = hd.cand(hv, p, maxDist, p - 1);
                     misses = 0;
                     continue;
                 }
@@ -206,7 +215,7 @@ bool fastestCore(const History& h, Heads hd, long& p, long e, bool flushAll, Sin
                 sink.match(len, p - cand0);
                 for (long q = next - 3; q < next; ++q) hd.set(hd.hash(base + q), q);
                 p = next;
-                cand0 = hd.cand(hv, p, maxDist);
+                cand0 = hd.cand(hv, p, maxDist, p - 1);
                 misses = 0;
                 continue;
             }
@@ -230,7 +239,7 @@ bool fastestCore(const History& h, Heads hd, long& p, long e, bool flushAll, Sin
         if (!sink.room()) return false;
         const Ozr8u* pp = h.at(p);
         const Ozr32u hv = nextHv;
-        const long cand = hd.cand(hv, p, maxDist);
+        const long cand = hd.cand(hv, p, maxDist, p);
         hd.set(hv, p);
         const long maxLen = e - p < kMaxMatch ? e - p : kMaxMatch;
         if (cand != p) {
