@@ -156,7 +156,16 @@ __attribute__((always_inline)) inline int flatLength(const Ozr8u* a, const Ozr8u
 // without asking which buffer holds the candidate; it runs while a longest match
 // plus 16 bytes still lies inside the source, the careful loop does the rest.
 template <bool Flat, class Sink>
-bool fastestCore(const History& h, Heads hd, long& p, long e, bool flushAll, Sink& sink) {
+bool fastestCore(const History& h, Heads hd, long& pos, long e, bool flushAll, Sink& out) {
+    // The position and the sink live in locals: the slot stores (16-bit views that may
+    // alias anything) would otherwise force them back to memory at every store.
+    long p = pos;
+    Sink sink = out;
+    const auto leave = [&](bool done) {
+        pos = p;
+        out = sink;
+        return done;
+    };
     const long probeEnd = flushAll ? e - 3 : e - kLookahead;  // a probe needs 4 bytes
     const Ozr64u maxDist = static_cast<Ozr64u>(h.wsize - 1);
     long misses = 0;
@@ -176,14 +185,14 @@ bool fastestCore(const History& h, Heads hd, long& p, long e, bool flushAll, Sin
             cand0 = hd.cand(hv, p, maxDist, p - 1);
         };
         if (p == 0 && fastEnd > 0) {  // position 0 has nothing before it
-            if (!sink.room()) return false;
+            if (!sink.room()) return leave(false);
             hd.set(hd.hash(base), 0);
             sink.literal(base[0]);
             p = 1;
         }
         if (p < fastEnd) probe();
         while (p < fastEnd) {
-            if (!sink.room()) return false;
+            if (!sink.room()) return leave(false);
             const Ozr64u cur = load64(base + p);
             const Ozr32u hv1 = hd.hashOf(static_cast<Ozr32u>(cur >> 8));
             long cand1 = hd.cand(hv1, p + 1, maxDist, p);
@@ -236,7 +245,7 @@ bool fastestCore(const History& h, Heads hd, long& p, long e, bool flushAll, Sin
     // is requested while this one is coded.
     Ozr32u nextHv = p < probeEnd ? hd.hash(h.at(p)) : 0;
     while (p < probeEnd) {
-        if (!sink.room()) return false;
+        if (!sink.room()) return leave(false);
         const Ozr8u* pp = h.at(p);
         const Ozr32u hv = nextHv;
         const long cand = hd.cand(hv, p, maxDist, p);
@@ -270,13 +279,13 @@ bool fastestCore(const History& h, Heads hd, long& p, long e, bool flushAll, Sin
         for (long k = 0; k < skip && p < probeEnd && sink.room(); ++k, ++p) sink.literal(*h.at(p));
         if (p != q && p < probeEnd) nextHv = hd.hash(h.at(p));  // the skip stopped early
     }
-    if (!flushAll) return true;
+    if (!flushAll) return leave(true);
     while (p < e) {
-        if (!sink.room()) return false;
+        if (!sink.room()) return leave(false);
         sink.literal(*h.at(p));
         p += 1;
     }
-    return true;
+    return leave(true);
 }
 
 // The slots over a table of hashSize 32-bit entries: the largest power of two up to
