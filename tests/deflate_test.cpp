@@ -676,6 +676,42 @@ TEST(DeflateFastest, CompressesTextAndRunsAndBarelyGrowsRandomData) {
     EXPECT_LT(fastestStream(rnd, {}).size(), rnd.size() + rnd.size() / 50);
 }
 
+TEST(DeflateFastest, PositionsNearTwoToThe31DropByWholeSlotsAndStayValid) {
+    // One fixed-code block in two calls over one buffer; between them the index jumps
+    // by a multiple of 65536 (the head slots hold positions modulo 65536), which makes
+    // the second call rebase. Matches across the jump must still decode.
+    const Bytes& d = samples()[0].data;
+    Bytes joined(32768, 0);
+    joined.insert(joined.end(), d.begin(), d.end());
+    std::vector<Ozr32s> head(1 << 15, -32768);
+    std::vector<OzrDeflateHuffCode> lc(286), dc(30);
+    ASSERT_EQ(ozrsDeflateLZ77FastestGenHuffTable_8u(nullptr, nullptr, lc.data(), dc.data(), 1), ozrOk);
+    Bytes out(d.size() * 2);
+    Ozr16u code = 3;  // BFINAL 1, BTYPE 01
+    Ozr32u bits = 3, at = 0, sidx = 0;
+    const Ozr8u* src = joined.data() + 32768;
+    Ozr32u len = 70000;
+    ASSERT_EQ(ozrsDeflateLZ77Fastest_8u(&src, &len, &sidx, src - 32768, 32768, head.data(), 1 << 15, out.data(),
+                                        static_cast<Ozr32u>(out.size()), &at, &code, &bits, lc.data(), dc.data(),
+                                        nullptr, nullptr, 0), ozrOk);
+    EXPECT_LE(len, 261u);
+    const Ozr32u before = sidx + 0x7FFF0000u;
+    sidx = before;
+    len = static_cast<Ozr32u>(joined.data() + joined.size() - src);
+    const Ozr32u second = len;
+    ASSERT_EQ(ozrsDeflateLZ77Fastest_8u(&src, &len, &sidx, src - 32768, 32768, head.data(), 1 << 15, out.data(),
+                                        static_cast<Ozr32u>(out.size()), &at, &code, &bits, lc.data(), dc.data(),
+                                        nullptr, nullptr, 3), ozrOk);
+    EXPECT_EQ(len, 0u);
+    EXPECT_LT(sidx, before);
+    EXPECT_EQ((sidx - second) % 65536, before % 65536);
+    out.resize(at);
+    if (bits) out.push_back(static_cast<Ozr8u>(code));
+    Bytes back;
+    ASSERT_TRUE(zlibInflate(out, back));
+    EXPECT_EQ(back, d);
+}
+
 TEST(DeflateFastest, EmptyInputIsOneFinalEmptyBlock) {
     Bytes out;
     const Bytes s = fastestStream({}, {});
