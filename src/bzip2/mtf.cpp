@@ -5,8 +5,12 @@
 // directions work on the list form (rank -> byte) in a local copy padded by 16 bytes
 // on each side, with the first 16 ranks held in registers: after a BWT most ranks
 // are below 16, and most of those are 0, so moving a byte to the front is usually
-// a register operation. Past rank 16 the list in memory moves up one place with
-// overlapping 16-byte loads/stores, and finding a byte is a 16-lane compare.
+// a register operation. Past rank 16 the list lies in memory in aligned 16-byte
+// blocks that a move shifts up one place with the byte carried from block to block.
+//
+// A list is one dependency chain: each byte's move to the front waits for the one
+// before. Long calls are therefore cut into segments coded at the same time, each
+// with its own list, so that the processor overlaps their chains (see "Segments").
 #include <emmintrin.h>
 
 #include "bzip2_internal.h"
@@ -15,8 +19,12 @@ namespace {
 
 inline __m128i load16(const Ozr8u* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
 inline void store16(Ozr8u* p, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
+inline Ozr64u load64(const Ozr8u* p) { Ozr64u v; __builtin_memcpy(&v, p, 8); return v; }
+inline void store64(Ozr8u* p, Ozr64u v) { __builtin_memcpy(p, &v, 8); }
+inline __m128i loadA(const Ozr8u* p) { return _mm_load_si128(reinterpret_cast<const __m128i*>(p)); }
+inline void storeA(Ozr8u* p, __m128i v) { _mm_store_si128(reinterpret_cast<__m128i*>(p), v); }
 
-// A 256-entry list with 16 bytes of slack before and after.
+// A 256-entry list with 16 bytes of slack before and after, 16-byte aligned.
 struct PaddedList {
     alignas(16) Ozr8u buf[16 + 256 + 16];
     Ozr8u* list() { return buf + 16; }
@@ -29,18 +37,16 @@ inline void shiftUp(Ozr8u* list, unsigned r) {
     for (int i = static_cast<int>(r); i > 0; i -= 16) store16(list + i - 15, load16(list + i - 16));
 }
 
-// The first 16 ranks live in a register ("front"): most ranks after a BWT are
-// small, and moving a byte to the front within them is a shift and a blend, with
-// no store that a following load would have to wait for.
-// frontMask[r]: bytes 0..r set, the part of the front that moves for rank r.
-struct FrontMasks {
+// mask.m[r]: bytes 0..r set, the part of a 16-byte block that moves for a byte
+// taken from its lane r.
+struct LaneMasks {
     alignas(16) Ozr8u m[16][16];
-    constexpr FrontMasks() : m{} {
+    constexpr LaneMasks() : m{} {
         for (int r = 0; r < 16; ++r)
             for (int i = 0; i < 16; ++i) m[r][i] = i <= r ? 0xFF : 0;
     }
 };
-constexpr FrontMasks frontMask{};
+constexpr LaneMasks laneMask{};
 
 // splat.v[b]: byte b in all 16 lanes, the search key of a byte in one load.
 struct Splats {
@@ -64,36 +70,60 @@ struct WordMasks {
 };
 constexpr WordMasks wordMask{};
 
-// Moves the byte at rank r (< 16) of the front to rank 0.
+// The block `cur` moved up one place for a byte taken from lane i: lanes 0..i get
+// the lane below (lane 0 the byte in lane 0 of `carry`, whose other lanes are
+// zero), the lanes above i stay.
+inline __m128i moveUpTo(__m128i cur, unsigned i, __m128i carry) {
+    const __m128i mask = loadA(laneMask.m[i]);
+    const __m128i moved = _mm_or_si128(_mm_slli_si128(cur, 1), carry);
+    return _mm_or_si128(_mm_and_si128(mask, moved), _mm_andnot_si128(mask, cur));
+}
+
+// Moves the byte at rank r (< 16) of the front to rank 0 (s is that byte).
 inline __m128i frontToFront(__m128i front, unsigned r, Ozr8u s) {
-    const __m128i mask = _mm_load_si128(reinterpret_cast<const __m128i*>(frontMask.m[r]));
-    __m128i moved = _mm_or_si128(_mm_and_si128(_mm_slli_si128(front, 1), mask), _mm_andnot_si128(mask, front));
-    return _mm_or_si128(moved, _mm_cvtsi32_si128(s));  // byte 0 of the shifted part is 0
+    return moveUpTo(front, r, _mm_cvtsi32_si128(s));
 }
 
-// Length (0..16) of the run of bytes equal to v at p, which has 16 readable bytes.
-inline unsigned runLength16(const Ozr8u* p, __m128i v) {
-    unsigned eq = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(load16(p), v)));
-    return m7::trailingZeros64(~eq);  // bit 16 and above of ~eq are set
-}
-
-// Stores `fill` over the first n (1..16) of the 16 bytes at p and leaves the others
-// as `keep` holds them (keep is what was loaded from p, so that in-place coding is
-// not disturbed).
-inline void storeHead(Ozr8u* p, unsigned n, __m128i fill, __m128i keep) {
-    const __m128i mask = _mm_load_si128(reinterpret_cast<const __m128i*>(frontMask.m[n - 1]));
-    store16(p, _mm_or_si128(_mm_and_si128(mask, fill), _mm_andnot_si128(mask, keep)));
-}
-
-// Rank of byte v in a list that holds every byte value once, searched from rank
-// `from` (a multiple of 16).
-inline unsigned findRank(const Ozr8u* list, Ozr8u v, unsigned from = 0) {
+// Rank of byte v in a list that holds every byte value once.
+inline unsigned findRank(const Ozr8u* list, Ozr8u v) {
     const __m128i key = _mm_set1_epi8(static_cast<char>(v));
-    for (unsigned i = from;; i += 32) {
-        unsigned lo = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(load16(list + i), key)));
-        unsigned hi = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(load16(list + i + 16), key)));
+    for (unsigned i = 0;; i += 32) {
+        unsigned lo = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(loadA(list + i), key)));
+        unsigned hi = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(loadA(list + i + 16), key)));
         unsigned m = lo | (hi << 16);
         if (m) return i + m7::trailingZeros64(m);
+    }
+}
+
+// The part of the list behind the registers, list[16, 256), in aligned blocks:
+// taking a byte from rank r >= 16 moves list[16, r) up to list[17, r] and puts
+// the byte in lane 0 of `carry` (the front's last one) at rank 16. Aligned loads
+// and stores only, so that the next search or move, which loads the same blocks,
+// gets them forwarded from stores still in flight.
+inline void moveUpDeep(Ozr8u* list, unsigned r, __m128i carry) {
+    const unsigned top = r & ~15u;
+    for (unsigned b = 16; b < top; b += 16) {
+        const __m128i cur = loadA(list + b);
+        storeA(list + b, _mm_or_si128(_mm_slli_si128(cur, 1), carry));
+        carry = _mm_srli_si128(cur, 15);
+    }
+    storeA(list + top, moveUpTo(loadA(list + top), r & 15, carry));
+}
+
+// The same for a byte known to lie at rank 16 or beyond but not where: searches
+// for key (the byte in all lanes) while moving the blocks it passes, and returns
+// the rank. One loop rather than a search and a move: one exit to mispredict.
+inline unsigned searchMoveUpDeep(Ozr8u* list, __m128i key, __m128i carry) {
+    for (unsigned b = 16;; b += 16) {
+        const __m128i cur = loadA(list + b);
+        const unsigned m = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(cur, key)));
+        if (m) {
+            const unsigned i = m7::trailingZeros64(m);
+            storeA(list + b, moveUpTo(cur, i, carry));
+            return b + i;
+        }
+        storeA(list + b, _mm_or_si128(_mm_slli_si128(cur, 1), carry));
+        carry = _mm_srli_si128(cur, 15);
     }
 }
 
@@ -120,6 +150,286 @@ void mtfFwdRankTable(const Ozr8u* src, Ozr8u* dst, int len, Ozr8u* state) {
     for (int i = 0; i < 256; ++i) state[i] = rank[i];
 }
 
+// ---- Segments ------------------------------------------------------------------
+// A call of len bytes is cut into K segments (K = 1, 2 or 4 by length), coded in
+// one loop that advances each segment by one step in turn. Only segment 0 starts
+// from the caller's list; the others start from the list 0, 1, ..., 255 and are
+// put right afterwards, in order, once the list they really start from is known:
+// - inverse: coding only moves positions, so a segment started from 0..255 writes
+//   for each byte the position p, in its true starting list L, of the entry it
+//   took; out = L[out] fixes the segment, and its final list the same way;
+// - forward: a rank depends on the starting list only where a byte occurs for the
+//   first time in the segment (before that the byte has not moved; after it the
+//   rank counts the bytes seen since its last use). There (at most 256 places, the
+//   ones whose rank reaches past the k bytes seen so far) the rank is k plus the
+//   byte's place among the unseen bytes of L: move-to-front over just those first
+//   occurrences from L gives it, and leaves behind its first k entries the unseen
+//   bytes in L's order, which follow the segment's own first k in its final list.
+// Segments shorter than kMinSegment are not worth those fix-ups.
+//
+// A step codes one byte and, when the source and destination are distinct, the
+// run of copies that follows it (ranks of 0 forward, repeats of the byte inverse):
+// after a BWT most ranks are 0, and a 16-byte compare finds the run. In-place
+// calls code one byte per step, as the 16-byte stores would overwrite input still
+// to be read.
+
+#define INVK 1
+constexpr Ozr32u kMinSegment = 4096;
+
+// The list 0, 1, ..., 255 into list[0, 256).
+inline void identityList(Ozr8u* list) {
+    __m128i v = _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+    for (int i = 0; i < 256; i += 16, v = _mm_add_epi8(v, _mm_set1_epi8(16))) storeA(list + i, v);
+}
+
+// Positions [begin, end) of segment c of K over len bytes.
+template <int K>
+inline Ozr32u segBegin(int c, Ozr32u len) {
+    return static_cast<Ozr32u>(c) * (len / K);
+}
+template <int K>
+inline Ozr32u segEnd(int c, Ozr32u len) {
+    return c == K - 1 ? len : static_cast<Ozr32u>(c + 1) * (len / K);
+}
+
+// Index (0..7) of the first non-zero byte of x, 7 when there is none before byte 7.
+inline Ozr32u firstNonZeroByte(Ozr64u x) { return m7::trailingZeros64(x | (Ozr64u(1) << 63)) >> 3; }
+
+// Forward. The front register's update does not need the rest of the list: a
+// byte found in the front moves to rank 0 within it, and a byte from rank 16 or
+// beyond enters at rank 0 while the front's last byte drops out, which is the same
+// update as for rank 15. So the front chain runs without a branch, and the bytes
+// from rank 16 or beyond are queued (position, byte, the byte that dropped out) and
+// ranked in batches against the list behind the front: their branches (the search
+// and its loop) then no longer discard the work of the other segments in flight.
+constexpr unsigned kQueue = 128;
+
+// The memory side of a forward segment: the list behind the front register
+// (list[16..) current after each batch), the queue, and for a segment started from
+// 0..255 the bytes met so far and their first positions, in order.
+struct FwdSegment {
+    PaddedList pl;
+    Ozr32u queuePos[kQueue];
+    Ozr16u queueBytes[kQueue];  // byte | dropped byte << 8
+    Ozr8u met[256];
+    Ozr32u firstPos[256];
+    Ozr8u firstByte[256];
+    unsigned firsts;
+};
+
+// Ranks the n queued bytes against the list behind the front.
+inline void rankQueued(FwdSegment& g, Ozr8u* dst, unsigned n) {
+    for (unsigned i = 0; i < n; ++i) {
+        const unsigned b = g.queueBytes[i];
+        const unsigned r = searchMoveUpDeep(g.pl.list(), loadA(splat.v[b & 0xFF]), _mm_cvtsi32_si128(static_cast<int>(b >> 8)));
+        dst[g.queuePos[i]] = static_cast<Ozr8u>(r);
+    }
+}
+
+// One forward step at position p; returns the next position. Track: the segment
+// starts from 0..255 and records first occurrences. With Runs, p + 16 <= the
+// segment end.
+template <bool Runs, bool Track>
+inline Ozr32u fwdStep(__m128i& front, unsigned& queued, FwdSegment& g, const Ozr8u* src, Ozr8u* dst, Ozr32u p) {
+    const Ozr8u s = src[p];
+    const __m128i key = loadA(splat.v[s]);
+    const unsigned m = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(front, key)));
+    if constexpr (Track) {
+        if (__builtin_expect(!g.met[s], 0)) {
+            g.met[s] = 1;
+            g.firstPos[g.firsts] = p;
+            g.firstByte[g.firsts++] = s;
+        }
+    }
+    const unsigned r = m7::trailingZeros64(m | 0x8000);
+    g.queuePos[queued] = p;
+    g.queueBytes[queued] = static_cast<Ozr16u>(s | (_mm_extract_epi16(front, 7) & 0xFF00));
+    queued += m == 0;
+    front = frontToFront(front, r, s);
+    Ozr32u next;
+    if constexpr (Runs) {
+        // The copies of s after p (up to 7) get rank 0; the store's bytes past the
+        // run are rewritten by the following steps (queued ranks are written later
+        // and lie before them). The next position depends on the input alone, a
+        // short chain beside the front's.
+        store64(dst + p, r);
+        next = p + 1 + firstNonZeroByte(load64(src + p) ^ load64(src + p + 1));
+    } else {
+        dst[p] = static_cast<Ozr8u>(r);
+        next = p + 1;
+    }
+    if (__builtin_expect(queued == kQueue, 0)) {
+        rankQueued(g, dst, queued);
+        queued = 0;
+    }
+    return next;
+}
+
+// Forward over [0, len) in K segments; list holds the caller's list on entry and
+// the final list on return.
+template <int K, bool Runs>
+void mtfFwdSegmented(const Ozr8u* src, Ozr8u* dst, Ozr32u len, Ozr8u* list) {
+    FwdSegment g[K];
+    __m128i front[K];
+    unsigned queued[K];
+    Ozr32u pos[K], stop[K];
+    for (int c = 0; c < K; ++c) {
+        Ozr8u* l = g[c].pl.list();
+        if (c == 0) {
+            for (int i = 0; i < 256; i += 16) storeA(l + i, loadA(list + i));
+        } else {
+            identityList(l);
+            for (int i = 0; i < 256; i += 16) storeA(g[c].met + i, _mm_setzero_si128());
+        }
+        front[c] = loadA(l);
+        queued[c] = 0;
+        g[c].firsts = 0;
+        pos[c] = segBegin<K>(c, len);
+        const Ozr32u end = segEnd<K>(c, len);
+        stop[c] = !Runs ? end : end - pos[c] >= 16 ? end - 16 : pos[c];
+    }
+    for (;;) {
+        bool any = false;
+#pragma GCC unroll 4
+        for (int c = 0; c < K; ++c) {
+            if (pos[c] < stop[c]) {
+                pos[c] = c == 0 ? fwdStep<Runs, false>(front[c], queued[c], g[c], src, dst, pos[c])
+                                : fwdStep<Runs, true>(front[c], queued[c], g[c], src, dst, pos[c]);
+                any = true;
+            }
+        }
+        if (!any) break;
+    }
+    for (int c = 0; c < K; ++c) {
+        for (Ozr32u end = segEnd<K>(c, len); pos[c] < end;)
+            pos[c] = c == 0 ? fwdStep<false, false>(front[c], queued[c], g[c], src, dst, pos[c])
+                            : fwdStep<false, true>(front[c], queued[c], g[c], src, dst, pos[c]);
+        rankQueued(g[c], dst, queued[c]);
+    }
+    // Put the segments right in order; `list` holds the true list at the end of
+    // the segments done so far.
+    storeA(g[0].pl.list(), front[0]);
+    for (int i = 0; i < 256; i += 16) storeA(list + i, loadA(g[0].pl.list() + i));
+    for (int c = 1; c < K; ++c) {
+        // Move-to-front over the first occurrences from the true list, in place:
+        // list[0, k) ends as those bytes, list[k, 256) as the unseen ones in their
+        // old order.
+        const unsigned k = g[c].firsts;
+        for (unsigned t = 0; t < k; ++t) {
+            const Ozr8u s = g[c].firstByte[t];
+            const unsigned r = findRank(list, s);
+            dst[g[c].firstPos[t]] = static_cast<Ozr8u>(r);
+            shiftUp(list, r);
+            list[0] = s;
+        }
+        Ozr8u* l = g[c].pl.list();
+        storeA(l, front[c]);
+        for (unsigned r = 0; r < k; ++r) list[r] = l[r];
+    }
+}
+
+// Inverse: ranks 0..7 in `lo`, 8..15 in `hi` (rank i at byte i % 8), the rest in
+// the segment's list[16..). Moving a byte to the front within a word is a shift
+// and a masked merge whose masks come from the rank alone, so the word's next
+// value waits only on one shift and two logic operations; the branches depend on
+// the input alone.
+inline void invStep(Ozr64u& lo, Ozr64u& hi, Ozr8u* list, const Ozr8u* src, Ozr8u* dst, Ozr32u p) {
+    const unsigned r = src[p];
+    Ozr64u s;
+    if (__builtin_expect(r < 8, 1)) {
+        s = (lo >> (8 * r)) & 0xFF;
+        lo = ((lo << 8) & wordMask.below[r]) | (lo & wordMask.above[r]) | s;
+    } else if (r < 16) {
+        s = (hi >> (8 * (r - 8))) & 0xFF;
+        hi = ((hi << 8) & wordMask.below[r - 8]) | (hi & wordMask.above[r - 8]) | (lo >> 56);
+        lo = (lo << 8) | s;
+    } else {
+        s = list[r];
+        moveUpDeep(list, r, _mm_cvtsi32_si128(static_cast<int>(hi >> 56)));
+        hi = (hi << 8) | (lo >> 56);
+        lo = (lo << 8) | s;
+    }
+    dst[p] = static_cast<Ozr8u>(s);
+}
+
+// Inverse over [0, len) in K segments; list holds the caller's list on entry and
+// the final list on return.
+template <int K, bool Apart>
+void mtfInvSegmented(const Ozr8u* src, Ozr8u* dst, Ozr32u len, Ozr8u* list) {
+    PaddedList pl[K];
+    Ozr64u lo[K], hi[K];
+    alignas(16) Ozr8u identity[256];
+    identityList(identity);
+    for (int c = 0; c < K; ++c) {
+        Ozr8u* l = pl[c].list();
+        const Ozr8u* from = c == 0 ? list : identity;
+        for (int i = 0; i < 256; i += 16) storeA(l + i, loadA(from + i));
+        lo[c] = hi[c] = 0;
+        for (int i = 7; i >= 0; --i) {
+            lo[c] = (lo[c] << 8) | l[i];
+            hi[c] = (hi[c] << 8) | l[8 + i];
+        }
+    }
+    const Ozr32u seg = len / K;
+    for (Ozr32u i = 0; i < seg; ++i) {
+#pragma GCC unroll 4
+        for (int c = 0; c < K; ++c) invStep(lo[c], hi[c], pl[c].list(), src + c * seg, dst + c * seg, i);
+    }
+    for (Ozr32u i = seg; i < len - (K - 1) * seg; ++i)
+        invStep(lo[K - 1], hi[K - 1], pl[K - 1].list(), src + (K - 1) * seg, dst + (K - 1) * seg, i);
+    for (int c = 0; c < K; ++c) {
+        Ozr8u* l = pl[c].list();
+        for (int i = 0; i < 8; ++i) {
+            l[i] = static_cast<Ozr8u>(lo[c] >> (8 * i));
+            l[8 + i] = static_cast<Ozr8u>(hi[c] >> (8 * i));
+        }
+    }
+    // Put the segments right in order: each byte of segment c is a position in the
+    // true list at its start, which is `list` after segment c - 1.
+    for (int i = 0; i < 256; i += 16) storeA(list + i, loadA(pl[0].list() + i));
+    for (int c = 1; c < K; ++c) {
+        for (Ozr32u i = segBegin<K>(c, len), end = segEnd<K>(c, len); i < end; ++i) dst[i] = list[dst[i]];
+        Ozr8u* l = pl[c].list();
+        for (int r = 0; r < 256; ++r) l[r] = list[l[r]];
+        for (int i = 0; i < 256; i += 16) storeA(list + i, loadA(l + i));
+    }
+}
+
+// Runs of copies need the destination apart from the source; in-place calls (the
+// only overlap allowed) code a byte per step.
+template <bool Fwd, int K>
+void codeSegments(const Ozr8u* src, Ozr8u* dst, Ozr32u len, Ozr8u* list) {
+    const Ozr64u s = reinterpret_cast<Ozr64u>(src), d = reinterpret_cast<Ozr64u>(dst);
+    const bool apart = s + len <= d || d + len <= s;
+    if constexpr (Fwd) {
+        if (apart)
+            mtfFwdSegmented<K, true>(src, dst, len, list);
+        else
+            mtfFwdSegmented<K, false>(src, dst, len, list);
+    } else {
+        if (apart)
+            mtfInvSegmented<K, true>(src, dst, len, list);
+        else
+            mtfInvSegmented<K, false>(src, dst, len, list);
+    }
+}
+
+template <bool Fwd>
+void codeList(const Ozr8u* src, Ozr8u* dst, int n, Ozr8u* list) {
+    const Ozr32u len = static_cast<Ozr32u>(n);
+    if (len >= 4 * kMinSegment && (Fwd || INVK >= 4))
+        codeSegments<Fwd, 4>(src, dst, len, list);
+    else if (len >= 2 * kMinSegment && (Fwd || INVK == 2))
+        codeSegments<Fwd, 2>(src, dst, len, list);
+    else
+        codeSegments<Fwd, 1>(src, dst, len, list);
+}
+
+// Length (0..16) of the run of bytes equal to v at p, which has 16 readable bytes.
+inline unsigned runLength16(const Ozr8u* p, __m128i v) {
+    unsigned eq = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(load16(p), v)));
+    return m7::trailingZeros64(~eq);  // bit 16 and above of ~eq are set
+}
 
 // ---- Z1Z2 ----------------------------------------------------------------------
 // A run of z zero ranks is written as z in bijective base 2, least significant
@@ -165,81 +475,16 @@ void m7_ownsMTFFwd_8u(const Ozr8u* pSrc, Ozr8u* pDst, int len, Ozr8u* pMTFState)
         mtfFwdRankTable(pSrc, pDst, len, pMTFState);
         return;
     }
-    __m128i front = load16(list);
-    const __m128i byte0 = _mm_cvtsi32_si128(0xFF);
-    Ozr8u first = list[0];
-    for (int k = 0; k < len; ++k) {
-        Ozr8u s = pSrc[k];
-        if (s == first) {
-            // A run of the front byte: all zeros, 16 bytes a step.
-            if (len - k >= 16) {
-                unsigned run = runLength16(pSrc + k, _mm_load_si128(reinterpret_cast<const __m128i*>(splat.v[s])));
-                storeHead(pDst + k, run, _mm_setzero_si128(), load16(pDst + k));
-                k += static_cast<int>(run) - 1;
-            } else {
-                pDst[k] = 0;
-            }
-            continue;
-        }
-        first = s;
-        const __m128i key = _mm_load_si128(reinterpret_cast<const __m128i*>(splat.v[s]));
-        unsigned m = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(front, key)));
-        if (m) {
-            unsigned r = m7::trailingZeros64(m);
-            pDst[k] = static_cast<Ozr8u>(r);
-            front = frontToFront(front, r, s);
-        } else {
-            // Rank 16 or more: list[16..) is current in memory (list[0..16) is
-            // stale, the front holds it). The front's last byte drops to rank 16.
-            unsigned r = findRank(list, s, 16);
-            pDst[k] = static_cast<Ozr8u>(r);
-            shiftUp(list + 16, r - 16);
-            list[16] = static_cast<Ozr8u>(_mm_extract_epi16(front, 7) >> 8);
-            front = _mm_or_si128(_mm_slli_si128(front, 1), _mm_and_si128(key, byte0));
-        }
-    }
-    store16(list, front);
+    codeList<true>(pSrc, pDst, len, list);
     for (unsigned r = 0; r < 256; ++r) pMTFState[list[r]] = static_cast<Ozr8u>(r);
 }
 
 void m7_ownsMTFInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int len, Ozr8u* pMTFState) {
-    // Ranks 0..7 live in `lo` and 8..15 in `hi` (rank i at byte i % 8), the rest in
-    // list[16..). Moving a byte to the front within a word is a shift and a masked
-    // merge whose masks come from the rank alone, so the word's next value waits
-    // only on one shift and two logic operations.
     PaddedList pl;
     Ozr8u* list = pl.list();
-    for (int i = 0; i < 256; i += 16) store16(list + i, load16(pMTFState + i));
-    Ozr64u lo = 0, hi = 0;
-    for (int i = 7; i >= 0; --i) {
-        lo = (lo << 8) | list[i];
-        hi = (hi << 8) | list[8 + i];
-    }
-    for (int k = 0; k < len; ++k) {
-        unsigned r = pSrc[k];
-        if (r < 8) {
-            Ozr64u s = (lo >> (8 * r)) & 0xFF;
-            pDst[k] = static_cast<Ozr8u>(s);
-            lo = ((lo << 8) & wordMask.below[r]) | (lo & wordMask.above[r]) | s;
-        } else if (r < 16) {
-            Ozr64u s = (hi >> (8 * (r - 8))) & 0xFF;
-            pDst[k] = static_cast<Ozr8u>(s);
-            hi = ((hi << 8) & wordMask.below[r - 8]) | (hi & wordMask.above[r - 8]) | (lo >> 56);
-            lo = (lo << 8) | s;
-        } else {
-            Ozr8u s = list[r];
-            pDst[k] = s;
-            shiftUp(list + 16, r - 16);
-            list[16] = static_cast<Ozr8u>(hi >> 56);
-            hi = (hi << 8) | (lo >> 56);
-            lo = (lo << 8) | s;
-        }
-    }
-    for (int i = 0; i < 8; ++i) {
-        list[i] = static_cast<Ozr8u>(lo >> (8 * i));
-        list[8 + i] = static_cast<Ozr8u>(hi >> (8 * i));
-    }
-    for (int i = 0; i < 256; i += 16) store16(pMTFState + i, load16(list + i));
+    for (int i = 0; i < 256; i += 16) storeA(list + i, load16(pMTFState + i));
+    codeList<false>(pSrc, pDst, len, list);
+    for (int i = 0; i < 256; i += 16) store16(pMTFState + i, loadA(list + i));
 }
 
 OzrResult m7_ozrsMTFGetSize_8u(int* pSize) {
