@@ -74,9 +74,8 @@ constexpr WordMasks wordMask{};
 // the lane below (lane 0 the byte in lane 0 of `carry`, whose other lanes are
 // zero), the lanes above i stay.
 inline __m128i moveUpTo(__m128i cur, unsigned i, __m128i carry) {
-    const __m128i mask = loadA(laneMask.m[i]);
     const __m128i moved = _mm_or_si128(_mm_slli_si128(cur, 1), carry);
-    return _mm_or_si128(_mm_and_si128(mask, moved), _mm_andnot_si128(mask, cur));
+    return _mm_xor_si128(cur, _mm_and_si128(_mm_xor_si128(cur, moved), loadA(laneMask.m[i])));
 }
 
 // Moves the byte at rank r (< 16) of the front to rank 0 (s is that byte).
@@ -174,6 +173,9 @@ void mtfFwdRankTable(const Ozr8u* src, Ozr8u* dst, int len, Ozr8u* state) {
 // to be read.
 
 #define INVK 1
+#ifndef FWDK
+#define FWDK 4
+#endif
 constexpr Ozr32u kMinSegment = 4096;
 
 // The list 0, 1, ..., 255 into list[0, 256).
@@ -206,11 +208,15 @@ constexpr unsigned kQueue = 128;
 
 // The memory side of a forward segment: the list behind the front register
 // (list[16..) current after each batch), the queue, and for a segment started from
-// 0..255 the bytes met so far and their first positions, in order.
+// 0..255 the bytes met so far and their first positions, in order. A queued byte
+// is kept as its position and the front it met (whose last lane drops out); the
+// byte itself is read back from the source, or for in-place coding, which has
+// overwritten it, from queueByte.
 struct FwdSegment {
     PaddedList pl;
+    __m128i queueFront[kQueue];
     Ozr32u queuePos[kQueue];
-    Ozr16u queueBytes[kQueue];  // byte | dropped byte << 8
+    Ozr8u queueByte[kQueue];
     Ozr8u met[256];
     Ozr32u firstPos[256];
     Ozr8u firstByte[256];
@@ -218,18 +224,20 @@ struct FwdSegment {
 };
 
 // Ranks the n queued bytes against the list behind the front.
-inline void rankQueued(FwdSegment& g, Ozr8u* dst, unsigned n) {
+template <bool Apart>
+inline void rankQueued(FwdSegment& g, const Ozr8u* src, Ozr8u* dst, unsigned n) {
     for (unsigned i = 0; i < n; ++i) {
-        const unsigned b = g.queueBytes[i];
-        const unsigned r = searchMoveUpDeep(g.pl.list(), loadA(splat.v[b & 0xFF]), _mm_cvtsi32_si128(static_cast<int>(b >> 8)));
-        dst[g.queuePos[i]] = static_cast<Ozr8u>(r);
+        const Ozr32u p = g.queuePos[i];
+        const Ozr8u s = Apart ? src[p] : g.queueByte[i];
+        const __m128i out = _mm_srli_si128(g.queueFront[i], 15);
+        dst[p] = static_cast<Ozr8u>(searchMoveUpDeep(g.pl.list(), loadA(splat.v[s]), out));
     }
 }
 
 // One forward step at position p; returns the next position. Track: the segment
 // starts from 0..255 and records first occurrences. With Runs, p + 16 <= the
 // segment end.
-template <bool Runs, bool Track>
+template <bool Apart, bool Runs, bool Track, bool Checked = true>
 inline Ozr32u fwdStep(__m128i& front, unsigned& queued, FwdSegment& g, const Ozr8u* src, Ozr8u* dst, Ozr32u p) {
     const Ozr8u s = src[p];
     const __m128i key = loadA(splat.v[s]);
@@ -243,7 +251,8 @@ inline Ozr32u fwdStep(__m128i& front, unsigned& queued, FwdSegment& g, const Ozr
     }
     const unsigned r = m7::trailingZeros64(m | 0x8000);
     g.queuePos[queued] = p;
-    g.queueBytes[queued] = static_cast<Ozr16u>(s | (_mm_extract_epi16(front, 7) & 0xFF00));
+    g.queueFront[queued] = front;
+    if constexpr (!Apart) g.queueByte[queued] = s;
     queued += m == 0;
     front = frontToFront(front, r, s);
     Ozr32u next;
@@ -258,8 +267,8 @@ inline Ozr32u fwdStep(__m128i& front, unsigned& queued, FwdSegment& g, const Ozr
         dst[p] = static_cast<Ozr8u>(r);
         next = p + 1;
     }
-    if (__builtin_expect(queued == kQueue, 0)) {
-        rankQueued(g, dst, queued);
+    if (Checked && __builtin_expect(queued == kQueue, 0)) {
+        rankQueued<Apart>(g, src, dst, queued);
         queued = 0;
     }
     return next;
@@ -267,7 +276,7 @@ inline Ozr32u fwdStep(__m128i& front, unsigned& queued, FwdSegment& g, const Ozr
 
 // Forward over [0, len) in K segments; list holds the caller's list on entry and
 // the final list on return.
-template <int K, bool Runs>
+template <int K, bool Apart>
 void mtfFwdSegmented(const Ozr8u* src, Ozr8u* dst, Ozr32u len, Ozr8u* list) {
     FwdSegment g[K];
     __m128i front[K];
@@ -286,15 +295,39 @@ void mtfFwdSegmented(const Ozr8u* src, Ozr8u* dst, Ozr32u len, Ozr8u* list) {
         g[c].firsts = 0;
         pos[c] = segBegin<K>(c, len);
         const Ozr32u end = segEnd<K>(c, len);
-        stop[c] = !Runs ? end : end - pos[c] >= 16 ? end - 16 : pos[c];
+        stop[c] = !Apart ? end : end - pos[c] >= 16 ? end - 16 : pos[c];
+    }
+    // Rounds of n steps of every segment without checks: n is what the segment
+    // nearest its end and the fullest queue allow (a step advances 8 places at
+    // most and queues one byte at most). Then steps with checks for what is left.
+    for (;;) {
+        Ozr32u n = kQueue;
+        for (int c = 0; c < K; ++c) {
+            const Ozr32u room = pos[c] < stop[c] ? (stop[c] - pos[c]) / 8 : 0;
+            n = room < n ? room : n;
+            n = kQueue - queued[c] < n ? kQueue - queued[c] : n;
+        }
+        if (n == 0) break;
+        do {
+#pragma GCC unroll 4
+            for (int c = 0; c < K; ++c)
+                pos[c] = c == 0 ? fwdStep<Apart, Apart, false, false>(front[c], queued[c], g[c], src, dst, pos[c])
+                                : fwdStep<Apart, Apart, true, false>(front[c], queued[c], g[c], src, dst, pos[c]);
+        } while (--n);
+        for (int c = 0; c < K; ++c) {
+            if (queued[c] >= kQueue / 2) {
+                rankQueued<Apart>(g[c], src, dst, queued[c]);
+                queued[c] = 0;
+            }
+        }
     }
     for (;;) {
         bool any = false;
 #pragma GCC unroll 4
         for (int c = 0; c < K; ++c) {
             if (pos[c] < stop[c]) {
-                pos[c] = c == 0 ? fwdStep<Runs, false>(front[c], queued[c], g[c], src, dst, pos[c])
-                                : fwdStep<Runs, true>(front[c], queued[c], g[c], src, dst, pos[c]);
+                pos[c] = c == 0 ? fwdStep<Apart, Apart, false>(front[c], queued[c], g[c], src, dst, pos[c])
+                                : fwdStep<Apart, Apart, true>(front[c], queued[c], g[c], src, dst, pos[c]);
                 any = true;
             }
         }
@@ -302,9 +335,9 @@ void mtfFwdSegmented(const Ozr8u* src, Ozr8u* dst, Ozr32u len, Ozr8u* list) {
     }
     for (int c = 0; c < K; ++c) {
         for (Ozr32u end = segEnd<K>(c, len); pos[c] < end;)
-            pos[c] = c == 0 ? fwdStep<false, false>(front[c], queued[c], g[c], src, dst, pos[c])
-                            : fwdStep<false, true>(front[c], queued[c], g[c], src, dst, pos[c]);
-        rankQueued(g[c], dst, queued[c]);
+            pos[c] = c == 0 ? fwdStep<Apart, false, false>(front[c], queued[c], g[c], src, dst, pos[c])
+                            : fwdStep<Apart, false, true>(front[c], queued[c], g[c], src, dst, pos[c]);
+        rankQueued<Apart>(g[c], src, dst, queued[c]);
     }
     // Put the segments right in order; `list` holds the true list at the end of
     // the segments done so far.
@@ -418,7 +451,7 @@ template <bool Fwd>
 void codeList(const Ozr8u* src, Ozr8u* dst, int n, Ozr8u* list) {
     const Ozr32u len = static_cast<Ozr32u>(n);
     if (len >= 4 * kMinSegment && (Fwd || INVK >= 4))
-        codeSegments<Fwd, 4>(src, dst, len, list);
+        codeSegments<Fwd, FWDK>(src, dst, len, list);
     else if (len >= 2 * kMinSegment && (Fwd || INVK == 2))
         codeSegments<Fwd, 2>(src, dst, len, list);
     else
