@@ -94,21 +94,6 @@ inline unsigned findRank(const Ozr8u* list, Ozr8u v) {
     }
 }
 
-// The part of the list behind the registers, list[16, 256), in aligned blocks:
-// taking a byte from rank r >= 16 moves list[16, r) up to list[17, r] and puts
-// the byte in lane 0 of `carry` (the front's last one) at rank 16. Aligned loads
-// and stores only, so that the next search or move, which loads the same blocks,
-// gets them forwarded from stores still in flight.
-inline void moveUpDeep(Ozr8u* list, unsigned r, __m128i carry) {
-    const unsigned top = r & ~15u;
-    for (unsigned b = 16; b < top; b += 16) {
-        const __m128i cur = loadA(list + b);
-        storeA(list + b, _mm_or_si128(_mm_slli_si128(cur, 1), carry));
-        carry = _mm_srli_si128(cur, 15);
-    }
-    storeA(list + top, moveUpTo(loadA(list + top), r & 15, carry));
-}
-
 // The same for a byte known to lie at rank 16 or beyond but not where: searches
 // for key (the byte in all lanes) while moving the blocks it passes, and returns
 // the rank. One loop rather than a search and a move: one exit to mispredict.
@@ -149,34 +134,28 @@ void mtfFwdRankTable(const Ozr8u* src, Ozr8u* dst, int len, Ozr8u* state) {
     for (int i = 0; i < 256; ++i) state[i] = rank[i];
 }
 
-// ---- Segments ------------------------------------------------------------------
-// A call of len bytes is cut into K segments (K = 1, 2 or 4 by length), coded in
-// one loop that advances each segment by one step in turn. Only segment 0 starts
-// from the caller's list; the others start from the list 0, 1, ..., 255 and are
-// put right afterwards, in order, once the list they really start from is known:
-// - inverse: coding only moves positions, so a segment started from 0..255 writes
-//   for each byte the position p, in its true starting list L, of the entry it
-//   took; out = L[out] fixes the segment, and its final list the same way;
-// - forward: a rank depends on the starting list only where a byte occurs for the
-//   first time in the segment (before that the byte has not moved; after it the
-//   rank counts the bytes seen since its last use). There (at most 256 places, the
-//   ones whose rank reaches past the k bytes seen so far) the rank is k plus the
-//   byte's place among the unseen bytes of L: move-to-front over just those first
-//   occurrences from L gives it, and leaves behind its first k entries the unseen
-//   bytes in L's order, which follow the segment's own first k in its final list.
-// Segments shorter than kMinSegment are not worth those fix-ups.
+// ---- Forward -------------------------------------------------------------------
+// A list is one dependency chain: each byte's move to the front waits for the one
+// before. A long call is therefore cut into K segments (K = 1..3 by length) coded
+// in one loop that advances each segment by one step in turn, so that the
+// processor overlaps K chains. Only segment 0 starts from the caller's list; the
+// others start from the list 0, 1, ..., 255 and are put right afterwards, in
+// order, once the list they really start from is known. A rank depends on the
+// starting list only where a byte occurs for the first time in the segment
+// (before that the byte has not moved; after it the rank counts the bytes seen
+// since its last use). There (at most 256 places) the rank is k, the number of
+// bytes met so far, plus the byte's place among the unmet bytes of the true
+// starting list L: move-to-front over just those first occurrences from L gives it,
+// and leaves behind its first k entries the unmet bytes in L's order, which follow
+// the segment's own first k in its final list. Segments shorter than kMinSegment
+// are not worth that fix-up.
 //
-// A step codes one byte and, when the source and destination are distinct, the
-// run of copies that follows it (ranks of 0 forward, repeats of the byte inverse):
-// after a BWT most ranks are 0, and a 16-byte compare finds the run. In-place
-// calls code one byte per step, as the 16-byte stores would overwrite input still
-// to be read.
-
-#define INVK 1
-#ifndef FWDK
-#define FWDK 4
-#endif
+// A step codes one byte and, when the source and destination are apart, the
+// copies of it that follow (rank 0, up to 7 of them): after a BWT most ranks are
+// 0. In-place calls code one byte per step, as the 8-byte stores would overwrite
+// input still to be read.
 constexpr Ozr32u kMinSegment = 4096;
+constexpr int kMaxSegments = 3;
 
 // The list 0, 1, ..., 255 into list[0, 256).
 inline void identityList(Ozr8u* list) {
@@ -197,7 +176,7 @@ inline Ozr32u segEnd(int c, Ozr32u len) {
 // Index (0..7) of the first non-zero byte of x, 7 when there is none before byte 7.
 inline Ozr32u firstNonZeroByte(Ozr64u x) { return m7::trailingZeros64(x | (Ozr64u(1) << 63)) >> 3; }
 
-// Forward. The front register's update does not need the rest of the list: a
+// The front register's update does not need the rest of the list: a
 // byte found in the front moves to rank 0 within it, and a byte from rank 16 or
 // beyond enters at rank 0 while the front's last byte drops out, which is the same
 // update as for rank 15. So the front chain runs without a branch, and the bytes
@@ -361,101 +340,68 @@ void mtfFwdSegmented(const Ozr8u* src, Ozr8u* dst, Ozr32u len, Ozr8u* list) {
     }
 }
 
-// Inverse: ranks 0..7 in `lo`, 8..15 in `hi` (rank i at byte i % 8), the rest in
-// the segment's list[16..). Moving a byte to the front within a word is a shift
-// and a masked merge whose masks come from the rank alone, so the word's next
-// value waits only on one shift and two logic operations; the branches depend on
-// the input alone.
-inline void invStep(Ozr64u& lo, Ozr64u& hi, Ozr8u* list, const Ozr8u* src, Ozr8u* dst, Ozr32u p) {
-    const unsigned r = src[p];
-    Ozr64u s;
-    if (__builtin_expect(r < 8, 1)) {
-        s = (lo >> (8 * r)) & 0xFF;
+// Forward over [0, len) with the list in `list` (in: the caller's; out: final).
+// The source and destination are apart or the same.
+template <int K>
+void mtfFwdList(const Ozr8u* src, Ozr8u* dst, Ozr32u len, Ozr8u* list) {
+    if (src == dst)
+        mtfFwdSegmented<K, false>(src, dst, len, list);
+    else
+        mtfFwdSegmented<K, true>(src, dst, len, list);
+}
+
+// ---- Inverse -------------------------------------------------------------------
+// Ranks 0..7 live in `lo` and 8..15 in `hi` (rank i at byte i % 8), the rest in
+// list[16..). Moving a byte to the front within a word is a shift and a masked
+// merge whose masks come from the rank alone, so the word's next value waits only
+// on one shift and two logic operations, and the branches depend on the input
+// alone. The inverse is bound by the number of operations per byte rather than by
+// that chain, so it is not cut into segments (measured slower with the fix-up
+// pass a segment started from 0..255 needs); instead eight zero ranks in a row,
+// common after a BWT, repeat the front byte in one store.
+inline void invStep(Ozr64u& lo, Ozr64u& hi, Ozr8u* list, Ozr8u* dst, unsigned r) {
+    if (r < 8) {
+        Ozr64u s = (lo >> (8 * r)) & 0xFF;
+        *dst = static_cast<Ozr8u>(s);
         lo = ((lo << 8) & wordMask.below[r]) | (lo & wordMask.above[r]) | s;
     } else if (r < 16) {
-        s = (hi >> (8 * (r - 8))) & 0xFF;
+        Ozr64u s = (hi >> (8 * (r - 8))) & 0xFF;
+        *dst = static_cast<Ozr8u>(s);
         hi = ((hi << 8) & wordMask.below[r - 8]) | (hi & wordMask.above[r - 8]) | (lo >> 56);
         lo = (lo << 8) | s;
     } else {
-        s = list[r];
-        moveUpDeep(list, r, _mm_cvtsi32_si128(static_cast<int>(hi >> 56)));
+        Ozr8u s = list[r];
+        *dst = s;
+        shiftUp(list + 16, r - 16);
+        list[16] = static_cast<Ozr8u>(hi >> 56);
         hi = (hi << 8) | (lo >> 56);
         lo = (lo << 8) | s;
     }
-    dst[p] = static_cast<Ozr8u>(s);
 }
 
-// Inverse over [0, len) in K segments; list holds the caller's list on entry and
-// the final list on return.
-template <int K, bool Apart>
-void mtfInvSegmented(const Ozr8u* src, Ozr8u* dst, Ozr32u len, Ozr8u* list) {
-    PaddedList pl[K];
-    Ozr64u lo[K], hi[K];
-    alignas(16) Ozr8u identity[256];
-    identityList(identity);
-    for (int c = 0; c < K; ++c) {
-        Ozr8u* l = pl[c].list();
-        const Ozr8u* from = c == 0 ? list : identity;
-        for (int i = 0; i < 256; i += 16) storeA(l + i, loadA(from + i));
-        lo[c] = hi[c] = 0;
-        for (int i = 7; i >= 0; --i) {
-            lo[c] = (lo[c] << 8) | l[i];
-            hi[c] = (hi[c] << 8) | l[8 + i];
+// Inverse over [0, len) with the list in `list` (in: the caller's; out: final).
+// In-place calls read each group of eight ranks before writing it.
+void mtfInvList(const Ozr8u* src, Ozr8u* dst, Ozr32u len, Ozr8u* list) {
+    Ozr64u lo = 0, hi = 0;
+    for (int i = 7; i >= 0; --i) {
+        lo = (lo << 8) | list[i];
+        hi = (hi << 8) | list[8 + i];
+    }
+    Ozr32u k = 0;
+    for (; k + 8 <= len; k += 8) {
+        const Ozr64u ranks = load64(src + k);
+        if (ranks == 0) {
+            store64(dst + k, (lo & 0xFF) * 0x0101010101010101u);
+        } else {
+#pragma GCC unroll 8
+            for (int j = 0; j < 8; ++j) invStep(lo, hi, list, dst + k + j, (ranks >> (8 * j)) & 0xFF);
         }
     }
-    const Ozr32u seg = len / K;
-    for (Ozr32u i = 0; i < seg; ++i) {
-#pragma GCC unroll 4
-        for (int c = 0; c < K; ++c) invStep(lo[c], hi[c], pl[c].list(), src + c * seg, dst + c * seg, i);
+    for (; k < len; ++k) invStep(lo, hi, list, dst + k, src[k]);
+    for (int i = 0; i < 8; ++i) {
+        list[i] = static_cast<Ozr8u>(lo >> (8 * i));
+        list[8 + i] = static_cast<Ozr8u>(hi >> (8 * i));
     }
-    for (Ozr32u i = seg; i < len - (K - 1) * seg; ++i)
-        invStep(lo[K - 1], hi[K - 1], pl[K - 1].list(), src + (K - 1) * seg, dst + (K - 1) * seg, i);
-    for (int c = 0; c < K; ++c) {
-        Ozr8u* l = pl[c].list();
-        for (int i = 0; i < 8; ++i) {
-            l[i] = static_cast<Ozr8u>(lo[c] >> (8 * i));
-            l[8 + i] = static_cast<Ozr8u>(hi[c] >> (8 * i));
-        }
-    }
-    // Put the segments right in order: each byte of segment c is a position in the
-    // true list at its start, which is `list` after segment c - 1.
-    for (int i = 0; i < 256; i += 16) storeA(list + i, loadA(pl[0].list() + i));
-    for (int c = 1; c < K; ++c) {
-        for (Ozr32u i = segBegin<K>(c, len), end = segEnd<K>(c, len); i < end; ++i) dst[i] = list[dst[i]];
-        Ozr8u* l = pl[c].list();
-        for (int r = 0; r < 256; ++r) l[r] = list[l[r]];
-        for (int i = 0; i < 256; i += 16) storeA(list + i, loadA(l + i));
-    }
-}
-
-// Runs of copies need the destination apart from the source; in-place calls (the
-// only overlap allowed) code a byte per step.
-template <bool Fwd, int K>
-void codeSegments(const Ozr8u* src, Ozr8u* dst, Ozr32u len, Ozr8u* list) {
-    const Ozr64u s = reinterpret_cast<Ozr64u>(src), d = reinterpret_cast<Ozr64u>(dst);
-    const bool apart = s + len <= d || d + len <= s;
-    if constexpr (Fwd) {
-        if (apart)
-            mtfFwdSegmented<K, true>(src, dst, len, list);
-        else
-            mtfFwdSegmented<K, false>(src, dst, len, list);
-    } else {
-        if (apart)
-            mtfInvSegmented<K, true>(src, dst, len, list);
-        else
-            mtfInvSegmented<K, false>(src, dst, len, list);
-    }
-}
-
-template <bool Fwd>
-void codeList(const Ozr8u* src, Ozr8u* dst, int n, Ozr8u* list) {
-    const Ozr32u len = static_cast<Ozr32u>(n);
-    if (len >= 4 * kMinSegment && (Fwd || INVK >= 4))
-        codeSegments<Fwd, FWDK>(src, dst, len, list);
-    else if (len >= 2 * kMinSegment && (Fwd || INVK == 2))
-        codeSegments<Fwd, 2>(src, dst, len, list);
-    else
-        codeSegments<Fwd, 1>(src, dst, len, list);
 }
 
 // Length (0..16) of the run of bytes equal to v at p, which has 16 readable bytes.
@@ -508,7 +454,13 @@ void m7_ownsMTFFwd_8u(const Ozr8u* pSrc, Ozr8u* pDst, int len, Ozr8u* pMTFState)
         mtfFwdRankTable(pSrc, pDst, len, pMTFState);
         return;
     }
-    codeList<true>(pSrc, pDst, len, list);
+    const Ozr32u n = static_cast<Ozr32u>(len);
+    if (n >= kMaxSegments * kMinSegment)
+        mtfFwdList<kMaxSegments>(pSrc, pDst, n, list);
+    else if (n >= 2 * kMinSegment)
+        mtfFwdList<2>(pSrc, pDst, n, list);
+    else
+        mtfFwdList<1>(pSrc, pDst, n, list);
     for (unsigned r = 0; r < 256; ++r) pMTFState[list[r]] = static_cast<Ozr8u>(r);
 }
 
@@ -516,7 +468,7 @@ void m7_ownsMTFInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int len, Ozr8u* pMTFState)
     PaddedList pl;
     Ozr8u* list = pl.list();
     for (int i = 0; i < 256; i += 16) storeA(list + i, load16(pMTFState + i));
-    codeList<false>(pSrc, pDst, len, list);
+    mtfInvList(pSrc, pDst, static_cast<Ozr32u>(len), list);
     for (int i = 0; i < 256; i += 16) store16(pMTFState + i, loadA(list + i));
 }
 
