@@ -183,7 +183,7 @@ inline Ozr32u firstNonZeroByte(Ozr64u x) { return m7::trailingZeros64(x | (Ozr64
 // from rank 16 or beyond are queued (position, byte, the byte that dropped out) and
 // ranked in batches against the list behind the front: their branches (the search
 // and its loop) then no longer discard the work of the other segments in flight.
-constexpr unsigned kQueue = 128;
+constexpr unsigned kQueue = 64;
 
 // The memory side of a forward segment: the list behind the front register
 // (list[16..) current after each batch), the queue, and for a segment started from
