@@ -5,12 +5,9 @@
 // directions work on the list form (rank -> byte) in a local copy padded by 16 bytes
 // on each side, with the first 16 ranks held in registers: after a BWT most ranks
 // are below 16, and most of those are 0, so moving a byte to the front is usually
-// a register operation. Past rank 16 the list lies in memory in aligned 16-byte
-// blocks that a move shifts up one place with the byte carried from block to block.
-//
-// A list is one dependency chain: each byte's move to the front waits for the one
-// before. Long calls are therefore cut into segments coded at the same time, each
-// with its own list, so that the processor overlaps their chains (see "Segments").
+// a register operation. Past rank 16 the list lies in memory and a move shifts it
+// up 16 bytes at a time. The forward direction is cut into segments coded side by
+// side (see "Forward"); the inverse is one chain (see "Inverse").
 #include <emmintrin.h>
 
 #include "bzip2_internal.h"
@@ -176,10 +173,10 @@ inline Ozr32u segEnd(int c, Ozr32u len) {
 // Index (0..7) of the first non-zero byte of x, 7 when there is none before byte 7.
 inline Ozr32u firstNonZeroByte(Ozr64u x) { return m7::trailingZeros64(x | (Ozr64u(1) << 63)) >> 3; }
 
-// The front register's update does not need the rest of the list: a
-// byte found in the front moves to rank 0 within it, and a byte from rank 16 or
-// beyond enters at rank 0 while the front's last byte drops out, which is the same
-// update as for rank 15. So the front chain runs without a branch, and the bytes
+// The front register's update does not need the rest of the list: a byte found in
+// the front moves to rank 0 within it, and a byte from rank 16 or beyond enters at
+// rank 0 while the front's last byte drops out, which is the same update as for
+// rank 15. So the front chain runs without a branch, and the bytes
 // from rank 16 or beyond are queued (position, byte, the byte that dropped out) and
 // ranked in batches against the list behind the front: their branches (the search
 // and its loop) then no longer discard the work of the other segments in flight.
@@ -214,8 +211,9 @@ inline void rankQueued(FwdSegment& g, const Ozr8u* src, Ozr8u* dst, unsigned n) 
 }
 
 // One forward step at position p; returns the next position. Track: the segment
-// starts from 0..255 and records first occurrences. With Runs, p + 16 <= the
-// segment end.
+// starts from 0..255 and records first occurrences. Runs (source and destination
+// apart): p + 16 <= the segment end. Checked: ranks the queue when it is full
+// (the unchecked rounds leave that to the caller).
 template <bool Apart, bool Runs, bool Track, bool Checked = true>
 inline Ozr32u fwdStep(__m128i& front, unsigned& queued, FwdSegment& g, const Ozr8u* src, Ozr8u* dst, Ozr32u p) {
     const Ozr8u s = src[p];
@@ -324,7 +322,7 @@ void mtfFwdSegmented(const Ozr8u* src, Ozr8u* dst, Ozr32u len, Ozr8u* list) {
     for (int i = 0; i < 256; i += 16) storeA(list + i, loadA(g[0].pl.list() + i));
     for (int c = 1; c < K; ++c) {
         // Move-to-front over the first occurrences from the true list, in place:
-        // list[0, k) ends as those bytes, list[k, 256) as the unseen ones in their
+        // list[0, k) ends as those bytes, list[k, 256) as the unmet ones in their
         // old order.
         const unsigned k = g[c].firsts;
         for (unsigned t = 0; t < k; ++t) {
