@@ -227,6 +227,87 @@ TEST(MTF, InPlaceCodingWorks) {
     EXPECT_EQ(buf, b);
 }
 
+// Long calls are coded in segments (each segment but the first from a stand-in
+// list, put right afterwards), with runs taken 8 bytes at a time and bytes from
+// rank 16 on ranked in batches; the inverse codes groups of eight ranks. Lengths
+// around the segment thresholds (2 and 3 times 4096), a first segment that uses few
+// byte values while every value first appears in a later one, runs across segment
+// ends, noise (many batches), a caller's state far from 0..255, in place and
+// apart: ranks and final states must equal the plain rules.
+TEST(MTF, SegmentedCallsMatchThePlainRulesAtEveryBoundary) {
+    auto refFwd = [](const Bytes& in, uint8_t* rank) {  // rank: a permutation
+        uint8_t list[256];
+        for (int v = 0; v < 256; ++v) list[rank[v]] = static_cast<uint8_t>(v);
+        Bytes out;
+        for (uint8_t s : in) {
+            uint8_t r = static_cast<uint8_t>(std::find(list, list + 256, s) - list);
+            out.push_back(r);
+            std::memmove(list + 1, list, r);
+            list[0] = s;
+        }
+        for (int r = 0; r < 256; ++r) rank[list[r]] = static_cast<uint8_t>(r);
+        return out;
+    };
+    auto refInv = [](const Bytes& in, uint8_t* list) {
+        Bytes out;
+        for (uint8_t r : in) {
+            uint8_t s = list[r];
+            out.push_back(s);
+            std::memmove(list + 1, list, r);
+            list[0] = s;
+        }
+        return out;
+    };
+    std::vector<Bytes> inputs;
+    for (size_t n : {8191, 8192, 8193, 12287, 12288, 12289, 12290, 40000}) {
+        // Few values first, then all 256 in the last third, then a mix.
+        Bytes b = runsBytes(n / 3, static_cast<uint32_t>(n));
+        for (size_t i = 0; b.size() < n; ++i) b.push_back(static_cast<uint8_t>(i % 7 ? (i * 37) % 256 : b.back()));
+        inputs.push_back(b);
+        inputs.push_back(randomBytes(n, static_cast<uint32_t>(n) + 1));
+        inputs.push_back(runsBytes(n, static_cast<uint32_t>(n) + 2));
+        inputs.push_back(Bytes(n, 200));
+    }
+    // Runs the call in place or into a buffer whose 8 bytes past len must stay.
+    auto code = [](decltype(&m7_ozrsMTFFwd_8u) f, const Bytes& in, uint8_t* state, bool inPlace) {
+        const int n = static_cast<int>(in.size());
+        Bytes out = in;
+        if (inPlace) {
+            EXPECT_EQ(f(out.data(), out.data(), n, state), ozrOk);
+        } else {
+            out.assign(in.size() + 8, 0x55);
+            EXPECT_EQ(f(in.data(), out.data(), n, state), ozrOk);
+            EXPECT_EQ(Bytes(out.begin() + n, out.end()), Bytes(8, 0x55));
+            out.resize(in.size());
+        }
+        return out;
+    };
+    for (const Bytes& b : inputs) {
+        // A state far from 0..255: the list reversed, in rank form.
+        uint8_t start[256], want[256];
+        for (int v = 0; v < 256; ++v) start[v] = want[v] = static_cast<uint8_t>(255 - v);
+        const Bytes ranks = refFwd(b, want);
+        for (bool inPlace : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "n=" << b.size() << " inPlace=" << inPlace);
+            uint8_t st[256];
+            std::memcpy(st, start, 256);
+            ASSERT_EQ(code(m7_ozrsMTFFwd_8u, b, st, inPlace), ranks);
+            ASSERT_EQ(0, std::memcmp(st, want, 256));
+            // Inverse from the list form of the same start, and from a list that is
+            // no permutation (the rule only moves positions).
+            for (bool perm : {true, false}) {
+                uint8_t list[256], wantList[256];
+                for (int v = 0; v < 256; ++v) list[perm ? start[v] : v] = static_cast<uint8_t>(perm ? v : v / 3);
+                std::memcpy(wantList, list, 256);
+                const Bytes bytes = refInv(ranks, wantList);
+                if (perm) ASSERT_EQ(bytes, b);
+                ASSERT_EQ(code(m7_ozrsMTFInv_8u, ranks, list, inPlace), bytes);
+                ASSERT_EQ(0, std::memcmp(list, wantList, 256));
+            }
+        }
+    }
+}
+
 TEST(MTF, ForwardOnATableThatIsNoPermutationFollowsTheRankRule) {
     // Every entry below the coded byte's rank grows by one, that byte gets rank 0.
     Ozr8u st[256], want[256];
