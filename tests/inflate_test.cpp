@@ -520,6 +520,26 @@ TEST(InflateDecode, CodesNoSymbolOwnsAreRefused) {
     EXPECT_EQ(c.op - out.data(), 1);
 }
 
+TEST(InflateDecode, ALengthZeroLiteralInACallersTableIsRefusedWithNothingWritten) {
+    // A table the builder did not make: the 1-bit code 0 of 'A' rewritten with length 0.
+    // Taken as a literal it would repeat without consuming input; every loop refuses it.
+    for (unsigned outRoom : {1u, 7u, 4096u}) {
+        auto st = freshState();
+        Lens l = tinyLens();
+        ASSERT_EQ(ozrsInflateBuildHuffTable(l.v, 286, 30, st.get()), ozrOk);
+        for (int i = 0; i < 8; i += 2) {
+            const Ozr16u zeroLen = 0x4100;
+            std::memcpy(st->tableBuffer + 2 * i, &zeroLen, 2);
+        }
+        const Bytes in(600, 0);
+        Bytes out(outRoom, 0xEE);
+        Call c{in.data(), static_cast<Ozr32u>(in.size()), 0, 0, out.data(), outRoom};
+        EXPECT_EQ(c.run(st.get()), ozrErrHuffTable) << outRoom;
+        EXPECT_EQ(c.op, out.data()) << outRoom;
+        EXPECT_EQ(out, Bytes(outRoom, 0xEE)) << outRoom;
+    }
+}
+
 TEST(InflateDecode, OneByteOutputResumesAtEveryStep) {
     const Bytes data = textBytes(5000, 21);
     const Bytes stream = zlibDeflate(data, 9);

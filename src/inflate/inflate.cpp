@@ -99,7 +99,11 @@ inline unsigned distEntry(const Tables& tb, Ozr64u bits) {
     }
 }
 
-inline bool isLiteral(unsigned e) { return (e & 0xF0) == 0; }
+// A literal entry has kind 0 and a code length of 1..15 in its low nibble. The length
+// is part of the test because a table the builder did not make may hold a literal of
+// length 0: taken as a literal it would be written again and again without consuming a
+// bit; left to the step loop it is refused there, as every other loop refuses it.
+inline bool isLiteral(unsigned e) { return (e & 0xFF) - 1u < 15u; }
 
 // A repeating pattern of period d (2..7) continues in 8-byte steps read from the
 // smallest multiple of d that is at least 8 behind.
