@@ -53,16 +53,17 @@ inline Ozr32u hash3(const Ozr8u* p) {
     return Ozr32u(randVecLZSS.v[p[0]] ^ randVecLZSS.v[256 + p[1]] ^ randVecLZSS.v[512 + p[2]]);
 }
 
-// The three rows side by side: byte b's entry of row k at bits 16k, so that one load
-// per byte serves the three triples it belongs to.
+// The three rows side by side, in reverse: byte b's entry of row k at bits 32 - 16k.
+// A running value S = (S >> 16) ^ kJoinedRows[b], fed the data's bytes in order,
+// holds in its low 16 bits the hash of the triple that ends at the last byte fed.
 struct JoinedRows {
     Ozr64u v[256];
 };
 constexpr JoinedRows kJoinedRows = [] {
     JoinedRows t{};
     for (int b = 0; b < 256; ++b)
-        t.v[b] = Ozr64u(Ozr16u(randVecLZSS.v[b])) | Ozr64u(Ozr16u(randVecLZSS.v[256 + b])) << 16 |
-                 Ozr64u(Ozr16u(randVecLZSS.v[512 + b])) << 32;
+        t.v[b] = Ozr64u(Ozr16u(randVecLZSS.v[b])) << 32 | Ozr64u(Ozr16u(randVecLZSS.v[256 + b])) << 16 |
+                 Ozr64u(Ozr16u(randVecLZSS.v[512 + b]));
     return t;
 }();
 
@@ -272,24 +273,23 @@ size_t encodeCore(OzrLZSSEncoderState& s, const Ozr8u* const data, const size_t 
         }
         front = j;
     };
-    // insertTo(front + kInsertBlock) with bytes to hash for all of it: each byte's
-    // three row entries come from one load and serve three triples.
+    // insertTo(front + kInsertBlock) with bytes to hash for all of it: one load of
+    // joined rows per byte, and chain slots in one piece unless they wrap.
     auto insertBlock = [&] {
         const size_t j = front;
-        const Ozr8u* const q = data + j;
         const Ozr32s p = Ozr32s(base + Ozr64s(j));
+        if ((Ozr32u(p) & kChainMask) > kChainMask + 1 - kInsertBlock) return insertTo(j + kInsertBlock);
+        const Ozr8u* const q = data + j;
         Ozr32s* const r = ring + (j & (kRing - 1));
-        Ozr64u e0 = kJoinedRows.v[q[0]], e1 = kJoinedRows.v[q[1]];
+        Ozr32s* const slot = chain + (Ozr32u(p) & kChainMask);
+        Ozr64u run = (kJoinedRows.v[q[0]] >> 16) ^ kJoinedRows.v[q[1]];
 #pragma GCC unroll 32
         for (size_t k = 0; k < kInsertBlock; ++k) {
-            const Ozr64u e2 = kJoinedRows.v[q[k + 2]];
-            Ozr32s* const h = head + ((e0 ^ (e1 >> 16) ^ (e2 >> 32)) & 0x7FFF);
-            Ozr32s* const slot = chain + (Ozr32u(p + Ozr32s(k)) & kChainMask);
-            r[k] = *slot;
-            *slot = *h;
+            run = (run >> 16) ^ kJoinedRows.v[q[k + 2]];
+            Ozr32s* const h = head + Ozr16u(run);
+            r[k] = slot[k];
+            slot[k] = *h;
             *h = p + Ozr32s(k);
-            e0 = e1;
-            e1 = e2;
         }
         front = j + kInsertBlock;
     };
