@@ -186,10 +186,15 @@ Ozr32u searchLong(Ozr32s c, Ozr32u p, const Ozr8u* ip, unsigned maxLen, const Oz
             const Ozr32u cand = (m7::trailingZeros64(x) >> 3) << 16 | (kMaxDistance - d);
             key = cand > key ? cand : key;
         } else {
-            const unsigned len = 8 + matchLength(m + 8, ip + 8, maxLen - 8);
-            const Ozr32u cand = len << 16 | (kMaxDistance - d);
-            key = cand > key ? cand : key;
-            if (len >= maxLen) break;
+            // Agrees on 8 bytes: measured in full only if it also agrees at the best
+            // length so far and the byte before, as any longer match must.
+            const unsigned best = key >> 16;
+            if (best < 8 || load16(m + best - 1) == load16(ip + best - 1)) {
+                const unsigned len = 8 + matchLength(m + 8, ip + 8, maxLen - 8);
+                const Ozr32u cand = len << 16 | (kMaxDistance - d);
+                key = cand > key ? cand : key;
+                if (len >= maxLen) break;
+            }
         }
         c = next;
     }
