@@ -287,12 +287,13 @@ size_t encodeCore(OzrLZSSEncoderState& s, const Ozr8u* const data, const size_t 
         const Ozr8u* const q = data + j;
         Ozr32s* const r = ring + (j & (kRing - 1));
         Ozr32s* const slot = chain + (Ozr32u(p) & kChainMask);
+        for (size_t k = 0; k < kInsertBlock; k += 4)
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(r + k), _mm_loadu_si128(reinterpret_cast<const __m128i*>(slot + k)));
         Ozr64u run = (kJoinedRows.v[q[0]] >> 16) ^ kJoinedRows.v[q[1]];
 #pragma GCC unroll 32
         for (size_t k = 0; k < kInsertBlock; ++k) {
             run = (run >> 16) ^ kJoinedRows.v[q[k + 2]];
             Ozr32s* const h = head + Ozr16u(run);
-            r[k] = slot[k];
             slot[k] = *h;
             *h = p + Ozr32s(k);
         }
