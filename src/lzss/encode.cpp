@@ -38,7 +38,7 @@ constexpr unsigned kMaxCandidates = 16;
 constexpr size_t kWindowRoom = 65536;
 constexpr size_t kLookahead = kMaxMatch;
 // Window fill beyond which the kept history is moved to the front: leaves room for
-// the lookahead copy and for 8-byte reads past it.
+// the lookahead copy and for 16-byte reads past it.
 constexpr size_t kWindowFillMax = kWindowRoom - kLookahead - 16;
 constexpr Ozr32s kRebaseAt = Ozr32s{1} << 30;
 constexpr size_t kSlice = size_t{1} << 28;  // positions between two rebase checks
@@ -161,14 +161,14 @@ constexpr Ozr32u kEdge = kMaxDistance - Ozr32u(kMaxAhead);
 constexpr size_t kRing = 512;  // replaced links of the positions inserted ahead
 static_assert(kRing > kMaxAhead && (kRing & (kRing - 1)) == 0 && kRing % kInsertBlock == 0);
 
-// The walk with at least 8 bytes allowed. Most candidates differ within 8 bytes:
-// their length comes from one 8-byte comparison with no branch on it, so the walk
-// runs at the pace of its loads; only those that agree on all 8 are measured.
+// The walk with at least 16 bytes allowed. Most candidates differ within 16 bytes:
+// their length comes from one 16-byte comparison with no branch on it, so the walk
+// runs at the pace of its loads; only those that agree on all 16 are measured.
 // at(d) gives the bytes d back from ip; edgeLink(c) the link of a candidate beyond kEdge.
 template <class At, class Edge>
 Ozr32u searchLong(Ozr32s c, Ozr32u p, const Ozr8u* ip, unsigned maxLen, const Ozr32s* chain, const At& at,
                   const Edge& edgeLink) {
-    const Ozr64u head8 = load64(ip);
+    const __m128i head16 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(ip));
     Ozr32u key = kNoMatch;
 #pragma GCC unroll 16
     for (unsigned k = 0; k < kMaxCandidates; ++k) {
@@ -181,16 +181,18 @@ Ozr32u searchLong(Ozr32s c, Ozr32u p, const Ozr8u* ip, unsigned maxLen, const Oz
             next = chain[Ozr32u(c) & kChainMask];
         }
         const Ozr8u* const m = at(d);
-        const Ozr64u x = load64(m) ^ head8;
-        if (__builtin_expect(x != 0, 1)) {
-            const Ozr32u cand = (m7::trailingZeros64(x) >> 3) << 16 | (kMaxDistance - d);
+        const unsigned differ =
+            unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(m)), head16))) ^
+            0xFFFFu;
+        if (__builtin_expect(differ != 0, 1)) {
+            const Ozr32u cand = m7::trailingZeros64(differ) << 16 | (kMaxDistance - d);
             key = cand > key ? cand : key;
         } else {
-            // Agrees on 8 bytes: measured in full only if it also agrees at the best
+            // Agrees on 16 bytes: measured in full only if it also agrees at the best
             // length so far and the byte before, as any longer match must.
             const unsigned best = key >> 16;
-            if (best < 8 || load16(m + best - 1) == load16(ip + best - 1)) {
-                const unsigned len = 8 + matchLength(m + 8, ip + 8, maxLen - 8);
+            if (best < 16 || load16(m + best - 1) == load16(ip + best - 1)) {
+                const unsigned len = 16 + matchLength(m + 16, ip + 16, maxLen - 16);
                 const Ozr32u cand = len << 16 | (kMaxDistance - d);
                 key = cand > key ? cand : key;
                 if (len >= maxLen) break;
@@ -201,7 +203,7 @@ Ozr32u searchLong(Ozr32s c, Ozr32u p, const Ozr8u* ip, unsigned maxLen, const Oz
     return key;
 }
 
-// The walk near the end of the data, where fewer than 8 bytes may match: a candidate
+// The walk near the end of the data, where fewer than 16 bytes may match: a candidate
 // is measured only if it agrees at best - 1 and best, the two bytes a longer one needs.
 template <class At, class Edge>
 Ozr32u searchShort(Ozr32s c, Ozr32u p, const Ozr8u* ip, unsigned maxLen, const Ozr32s* chain, const At& at,
@@ -357,7 +359,7 @@ size_t encodeCore(OzrLZSSEncoderState& s, const Ozr8u* const data, const size_t 
                 return d <= i ? ip - d : reinterpret_cast<const Ozr8u*>(histIp - d);
             };
             auto atData = [ip](Ozr32u d) { return ip - d; };
-            if (maxLen < 8) {
+            if (maxLen < 16) {
                 key = searchShort(c, Ozr32u(p), ip, maxLen, chain, atAny, edgeLink);
             } else if (i >= kMaxDistance) {
                 key = searchLong(c, Ozr32u(p), ip, maxLen, chain, atData, edgeLink);
