@@ -155,7 +155,10 @@ constexpr Ozr32u kNoMatch = (kMinMatch - 1) << 16 | 0xFFFF;
 // once position candidate + 32768 is inserted, which can only happen for d beyond
 // kEdge; the walk takes such links from the ring of replaced links instead.
 constexpr size_t kInsertBlock = 32;
-constexpr size_t kMinAhead = kMaxMatch + 1;
+// Enough ahead for the warmed chains (6 on) and for most matches; a search after a
+// longer match first inserts up to its position. Further ahead gains nothing and
+// costs a call that stops on a full output more to take back.
+constexpr size_t kMinAhead = 40;
 constexpr size_t kMaxAhead = kMinAhead + kInsertBlock;
 constexpr Ozr32u kEdge = kMaxDistance - Ozr32u(kMaxAhead);
 constexpr size_t kRing = 512;  // replaced links of the positions inserted ahead
@@ -337,8 +340,8 @@ size_t encodeCore(OzrLZSSEncoderState& s, const Ozr8u* const data, const size_t 
         }
         const size_t sliceEnd = hashEnd - i > kSlice ? i + kSlice : hashEnd;
         while (i < sliceEnd) {
-            // Keep at least one longest match of positions inserted ahead, so that
-            // the next search needs none.
+            // Keep kMinAhead positions inserted ahead of the search (a search needs
+            // its own position in, the warmed chains six more).
             while (front < i + kMinAhead && front < hashEnd) {
                 if (front + kInsertBlock <= hashEnd) insertBlock(); else insertTo(hashEnd);
             }
