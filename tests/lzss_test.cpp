@@ -288,6 +288,27 @@ TEST(LzssEncoder, OutputRoomDoesNotChangeTheStream) {
     }
 }
 
+TEST(LzssEncoder, FullOutputTakesBackPositionsHashedAhead) {
+    // The encoder hashes a few dozen positions ahead of its parse. Here the search at
+    // 33000 reaches its best match (242, 16 bytes) only through the link of 262, whose
+    // chain slot position 33030 takes over: the walk must follow the replaced link,
+    // and a call that stops early (full output) before 33030 must give the slot back.
+    Bytes in = randomBytes(34000, 41);
+    const char* run = "ABCDEFGHIJKLMNOP";
+    std::memcpy(in.data() + 242, run, 16);
+    std::memcpy(in.data() + 262, run, 3);
+    std::memcpy(in.data() + 33000, run, 16);
+    const Bytes whole = encode(in);
+    ASSERT_EQ(refEncode(in), whole);
+    const std::vector<Token> t = tokens(whole);
+    auto it = std::find_if(t.begin(), t.end(), [](const Token& k) { return k.at == 33000; });
+    ASSERT_NE(it, t.end());
+    EXPECT_EQ(32758u, it->dist);
+    EXPECT_EQ(16u, it->len);
+    EXPECT_EQ(whole, encode(in, {}, {1}));
+    EXPECT_EQ(whole, encode(in, {}, {4093, 1, 7, 300}));
+}
+
 TEST(LzssDecoder, EveryCutOfInputAndOutputGivesTheSameBytes) {
     std::mt19937 r(9);
     for (const Bytes& in : samples()) {

@@ -38,7 +38,7 @@ constexpr unsigned kMaxCandidates = 16;
 constexpr size_t kWindowRoom = 65536;
 constexpr size_t kLookahead = kMaxMatch;
 // Window fill beyond which the kept history is moved to the front: leaves room for
-// the lookahead copy and for 8-byte reads past it.
+// the lookahead copy and for 16-byte reads past it.
 constexpr size_t kWindowFillMax = kWindowRoom - kLookahead - 16;
 constexpr Ozr32s kRebaseAt = Ozr32s{1} << 30;
 constexpr size_t kSlice = size_t{1} << 28;  // positions between two rebase checks
@@ -52,6 +52,20 @@ constexpr auto randVecLZSS = m7::makeHashRows<Ozr16s, 3, 15>(0x4C5A5353u);
 inline Ozr32u hash3(const Ozr8u* p) {
     return Ozr32u(randVecLZSS.v[p[0]] ^ randVecLZSS.v[256 + p[1]] ^ randVecLZSS.v[512 + p[2]]);
 }
+
+// The three rows side by side, in reverse: byte b's entry of row k at bits 32 - 16k.
+// A running value S = (S >> 16) ^ kJoinedRows[b], fed the data's bytes in order,
+// holds in its low 16 bits the hash of the triple that ends at the last byte fed.
+struct JoinedRows {
+    Ozr64u v[256];
+};
+constexpr JoinedRows kJoinedRows = [] {
+    JoinedRows t{};
+    for (int b = 0; b < 256; ++b)
+        t.v[b] = Ozr64u(Ozr16u(randVecLZSS.v[b])) << 32 | Ozr64u(Ozr16u(randVecLZSS.v[256 + b])) << 16 |
+                 Ozr64u(Ozr16u(randVecLZSS.v[512 + b]));
+    return t;
+}();
 
 inline void setPointers(OzrLZSSEncoderState& s, size_t windowFill) {
     s.pRandVec = randVecLZSS.v;
@@ -136,44 +150,74 @@ struct BitWriter {
 // ones, the nearest (the first found). A key below 3 << 16 means no match.
 constexpr Ozr32u kNoMatch = (kMinMatch - 1) << 16 | 0xFFFF;
 
-// The walk with at least 8 bytes allowed. Most candidates differ within 8 bytes:
-// their length comes from one 8-byte comparison with no branch on it, so the walk
-// runs at the pace of its loads; only those that agree on all 8 are measured.
-// at(d) gives the bytes d back from ip.
-template <class At>
-Ozr32u searchLong(Ozr32s c, Ozr32u p, const Ozr8u* ip, unsigned maxLen, const Ozr32s* chain, const At& at) {
-    const Ozr64u head8 = load64(ip);
+// Insertion runs ahead of the parse (see encodeCore): at most kMaxAhead positions past
+// the searched one are in the tables. A candidate d back has its chain link replaced
+// once position candidate + 32768 is inserted, which can only happen for d beyond
+// kEdge; the walk takes such links from the ring of replaced links instead.
+constexpr size_t kInsertBlock = 32;
+// Enough ahead for the warmed chains (6 on) and for most matches; a search after a
+// longer match first inserts up to its position. Further ahead gains nothing and
+// costs a call that stops on a full output more to take back.
+constexpr size_t kMinAhead = 40;
+constexpr size_t kMaxAhead = kMinAhead + kInsertBlock;
+constexpr Ozr32u kEdge = kMaxDistance - Ozr32u(kMaxAhead);
+constexpr size_t kRing = 512;  // replaced links of the positions inserted ahead
+static_assert(kRing > kMaxAhead && (kRing & (kRing - 1)) == 0 && kRing % kInsertBlock == 0);
+
+// The walk with at least 16 bytes allowed. Most candidates differ within 16 bytes:
+// their length comes from one 16-byte comparison with no branch on it, so the walk
+// runs at the pace of its loads; only those that agree on all 16 are measured.
+// at(d) gives the bytes d back from ip; edgeLink(c) the link of a candidate beyond kEdge.
+template <class At, class Edge>
+Ozr32u searchLong(Ozr32s c, Ozr32u p, const Ozr8u* ip, unsigned maxLen, const Ozr32s* chain, const At& at,
+                  const Edge& edgeLink) {
+    const __m128i head16 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(ip));
     Ozr32u key = kNoMatch;
 #pragma GCC unroll 16
     for (unsigned k = 0; k < kMaxCandidates; ++k) {
         const Ozr32u d = p - Ozr32u(c);
-        if (d > kMaxDistance) break;
+        Ozr32s next;
+        if (__builtin_expect(d > kEdge, 0)) {
+            if (d > kMaxDistance) break;
+            next = edgeLink(c);
+        } else {
+            next = chain[Ozr32u(c) & kChainMask];
+        }
         const Ozr8u* const m = at(d);
-        const Ozr64u x = load64(m) ^ head8;
-        if (__builtin_expect(x != 0, 1)) {
-            const Ozr32u cand = (m7::trailingZeros64(x) >> 3) << 16 | (kMaxDistance - d);
+        const unsigned differ =
+            unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(m)), head16))) ^
+            0xFFFFu;
+        if (__builtin_expect(differ != 0, 1)) {
+            const Ozr32u cand = m7::trailingZeros64(differ) << 16 | (kMaxDistance - d);
             key = cand > key ? cand : key;
         } else {
-            const unsigned len = 8 + matchLength(m + 8, ip + 8, maxLen - 8);
-            const Ozr32u cand = len << 16 | (kMaxDistance - d);
-            key = cand > key ? cand : key;
-            if (len >= maxLen) break;
+            // Agrees on 16 bytes: measured in full only if it also agrees at the best
+            // length so far and the byte before, as any longer match must.
+            const unsigned best = key >> 16;
+            if (best < 16 || load16(m + best - 1) == load16(ip + best - 1)) {
+                const unsigned len = 16 + matchLength(m + 16, ip + 16, maxLen - 16);
+                const Ozr32u cand = len << 16 | (kMaxDistance - d);
+                key = cand > key ? cand : key;
+                if (len >= maxLen) break;
+            }
         }
-        c = chain[Ozr32u(c) & kChainMask];
+        c = next;
     }
     return key;
 }
 
-// The walk near the end of the data, where fewer than 8 bytes may match: a candidate
+// The walk near the end of the data, where fewer than 16 bytes may match: a candidate
 // is measured only if it agrees at best - 1 and best, the two bytes a longer one needs.
-template <class At>
-Ozr32u searchShort(Ozr32s c, Ozr32u p, const Ozr8u* ip, unsigned maxLen, const Ozr32s* chain, const At& at) {
+template <class At, class Edge>
+Ozr32u searchShort(Ozr32s c, Ozr32u p, const Ozr8u* ip, unsigned maxLen, const Ozr32s* chain, const At& at,
+                   const Edge& edgeLink) {
     unsigned best = kMinMatch - 1;
     Ozr32u key = kNoMatch;
     if (maxLen < kMinMatch) return key;
     for (unsigned k = kMaxCandidates; k > 0; --k) {
         const Ozr32u d = p - Ozr32u(c);
         if (d > kMaxDistance) break;
+        const Ozr32s next = d > kEdge ? edgeLink(c) : chain[Ozr32u(c) & kChainMask];
         const Ozr8u* const m = at(d);
         if (load16(m + best - 1) == load16(ip + best - 1)) {
             const unsigned len = matchLength(m, ip, maxLen);
@@ -183,13 +227,40 @@ Ozr32u searchShort(Ozr32s c, Ozr32u p, const Ozr8u* ip, unsigned maxLen, const O
                 if (len >= maxLen) break;
             }
         }
-        c = chain[Ozr32u(c) & kChainMask];
+        c = next;
     }
     return key;
 }
 
+// Loads the first kWarmLinks links of the chains of positions p + 3 .. p + 6 (inserted
+// ahead) so that the next search, which most often starts at one of them, finds its
+// first links in L1. Only the loads matter; nothing is decided by them.
+constexpr unsigned kWarmLinks = 5;
+inline void warmChains(const Ozr32s* chain, Ozr32u p) {
+    Ozr32s g0 = chain[(p + 3) & kChainMask], g1 = chain[(p + 4) & kChainMask];
+    Ozr32s g2 = chain[(p + 5) & kChainMask], g3 = chain[(p + 6) & kChainMask];
+#pragma GCC unroll 8
+    for (unsigned k = 1; k < kWarmLinks; ++k) {
+        g0 = chain[Ozr32u(g0) & kChainMask];
+        g1 = chain[Ozr32u(g1) & kChainMask];
+        g2 = chain[Ozr32u(g2) & kChainMask];
+        g3 = chain[Ozr32u(g3) & kChainMask];
+    }
+    // Keep the last loads: the values are not used otherwise.
+    asm volatile("" ::"r"(g0), "r"(g1), "r"(g2), "r"(g3));
+}
+
 // Encodes data[0, n) (this call's input) after the history; stops early when the
 // output fills. Returns the bytes consumed and advances s.position by them.
+//
+// The tables depend only on the data (every position is inserted, in order), not on
+// the parse, so insertion runs ahead of it in blocks: positions [0, front) are in the
+// tables while the search is at i < front. The search's first candidate is then the
+// link stored at its own position, a load from the lines just written, and the work
+// of hashing leaves the chain of dependent loads from one search to the next. Each
+// insertion keeps the link it replaces (that of the position 32768 back) in `ring`,
+// so that the walk near the edge of reach still follows the old links and an early
+// return can take back the positions not consumed.
 size_t encodeCore(OzrLZSSEncoderState& s, const Ozr8u* const data, const size_t n, BitWriter& w,
                   const Ozr8u* const histEnd) {
     Ozr32s* const chain = s.chain;
@@ -197,44 +268,89 @@ size_t encodeCore(OzrLZSSEncoderState& s, const Ozr8u* const data, const size_t 
     // base: the position of data[0] (64-bit: after an in-call rebase it may lie far
     // below the 32-bit range, where only out-of-reach entries could point).
     Ozr64s base = s.position;
-    size_t i = 0;
+    size_t i = 0, front = 0;
+    Ozr32s ring[kRing];
     const size_t hashEnd = n >= 2 ? n - 2 : 0;  // positions below start a triple
-    // A candidate's bytes: in this call's data, or in the history followed by the
-    // lookahead copy of the data.
-    // Position c lies at dataAt + c in this call's data (c >= base), else at histAt + c.
-    uintptr_t dataAt = uintptr_t(data) - uintptr_t(base), histAt = uintptr_t(histEnd) - uintptr_t(base);
-    auto at = [&](Ozr32s c) -> const Ozr8u* {
-        return reinterpret_cast<const Ozr8u*>((Ozr64s(c) >= base ? dataAt : histAt) + uintptr_t(Ozr64s(c)));
+    auto insertTo = [&](size_t end) {
+        size_t j = front;
+        for (; j < end; ++j) {
+            const Ozr32s p = Ozr32s(base + Ozr64s(j));
+            Ozr32s* const slot = chain + (Ozr32u(p) & kChainMask);
+            Ozr32s* const h = head + hash3(data + j);
+            ring[j & (kRing - 1)] = *slot;
+            *slot = *h;
+            *h = p;
+        }
+        front = j;
     };
+    // insertTo(front + kInsertBlock) with bytes to hash for all of it: one load of
+    // joined rows per byte, and chain slots in one piece unless they wrap.
+    auto insertBlock = [&] {
+        const size_t j = front;
+        const Ozr32s p = Ozr32s(base + Ozr64s(j));
+        if ((Ozr32u(p) & kChainMask) > kChainMask + 1 - kInsertBlock) return insertTo(j + kInsertBlock);
+        const Ozr8u* const q = data + j;
+        Ozr32s* const r = ring + (j & (kRing - 1));
+        Ozr32s* const slot = chain + (Ozr32u(p) & kChainMask);
+        for (size_t k = 0; k < kInsertBlock; k += 4)
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(r + k), _mm_loadu_si128(reinterpret_cast<const __m128i*>(slot + k)));
+        Ozr64u run = (kJoinedRows.v[q[0]] >> 16) ^ kJoinedRows.v[q[1]];
+#pragma GCC unroll 32
+        for (size_t k = 0; k < kInsertBlock; ++k) {
+            run = (run >> 16) ^ kJoinedRows.v[q[k + 2]];
+            Ozr32s* const h = head + Ozr16u(run);
+            slot[k] = *h;
+            *h = p + Ozr32s(k);
+        }
+        front = j + kInsertBlock;
+    };
+    // Takes the insertions of [end, front) back, newest first.
+    auto retractTo = [&](size_t end) {
+        while (front > end) {
+            --front;
+            const Ozr32s p = Ozr32s(base + Ozr64s(front));
+            Ozr32s* const slot = chain + (Ozr32u(p) & kChainMask);
+            head[hash3(data + front)] = *slot;
+            *slot = ring[front & (kRing - 1)];
+        }
+    };
+    // The tables as a parse ending at `consumed` leaves them.
     auto done = [&](size_t consumed) {
+        const size_t end = consumed < hashEnd ? consumed : hashEnd;
+        if (front > end) retractTo(end); else insertTo(end);
         s.position = Ozr32s(base + Ozr64s(consumed));
         return consumed;
     };
-    auto insert = [&](size_t j) {
-        const Ozr32s p = Ozr32s(base + Ozr64s(j));
-        const Ozr32u h = hash3(data + j);
-        chain[Ozr32u(p) & kChainMask] = head[h];
-        head[h] = p;
+    // The link of candidate c when it may have been replaced: by then position
+    // c + 32768 is inserted and its ring entry holds the link.
+    auto edgeLink = [&](Ozr32s c) -> Ozr32s {
+        const Ozr64s q = Ozr64s(c) + 32768 - base;
+        return q < Ozr64s(front) ? ring[size_t(q) & (kRing - 1)] : chain[Ozr32u(c) & kChainMask];
     };
 
     while (i < hashEnd) {
         if (base + Ozr64s(i) > kRebaseAt) {
+            retractTo(i);
             const Ozr32s r = Ozr32s(((base + Ozr64s(i)) >> 15) - 1) << 15;
             rebase(s, r);
             base -= r;
-            dataAt = uintptr_t(data) - uintptr_t(base);
-            histAt = uintptr_t(histEnd) - uintptr_t(base);
+            // Blocks start at multiples of kInsertBlock (their ring entries in one piece).
+            const size_t aligned = (i | (kInsertBlock - 1)) + 1;
+            insertTo(aligned < hashEnd ? aligned : hashEnd);
         }
         const size_t sliceEnd = hashEnd - i > kSlice ? i + kSlice : hashEnd;
         while (i < sliceEnd) {
+            // Keep kMinAhead positions inserted ahead of the search (a search needs
+            // its own position in, the warmed chains six more).
+            while (front < i + kMinAhead && front < hashEnd) {
+                if (front + kInsertBlock <= hashEnd) insertBlock(); else insertTo(hashEnd);
+            }
             const Ozr8u* const ip = data + i;
             const Ozr32s p = Ozr32s(base + Ozr64s(i));
-            const Ozr32u h = hash3(ip);
-            const Ozr32s c = head[h];
-            chain[Ozr32u(p) & kChainMask] = c;
-            head[h] = p;
-            // The next position's head, needed next if this one is a literal.
-            if (i + 1 < hashEnd) __builtin_prefetch(head + hash3(ip + 1));
+            const Ozr32s c = chain[Ozr32u(p) & kChainMask];
+            // The next search starts where this one's match ends, most often 3 to 6
+            // bytes on: fetch the first links of those chains into L1 meanwhile.
+            warmChains(chain, Ozr32u(p));
 
             const size_t left = n - i - 2;
             const unsigned maxLen = left < kMaxMatch ? unsigned(left) : kMaxMatch;
@@ -246,26 +362,17 @@ size_t encodeCore(OzrLZSSEncoderState& s, const Ozr8u* const data, const size_t 
                 return d <= i ? ip - d : reinterpret_cast<const Ozr8u*>(histIp - d);
             };
             auto atData = [ip](Ozr32u d) { return ip - d; };
-            if (maxLen < 8) {
-                key = searchShort(c, Ozr32u(p), ip, maxLen, chain, atAny);
+            if (maxLen < 16) {
+                key = searchShort(c, Ozr32u(p), ip, maxLen, chain, atAny, edgeLink);
             } else if (i >= kMaxDistance) {
-                key = searchLong(c, Ozr32u(p), ip, maxLen, chain, atData);
+                key = searchLong(c, Ozr32u(p), ip, maxLen, chain, atData, edgeLink);
             } else {
-                key = searchLong(c, Ozr32u(p), ip, maxLen, chain, atAny);
+                key = searchLong(c, Ozr32u(p), ip, maxLen, chain, atAny, edgeLink);
             }
             const unsigned best = key >> 16;
             if (best >= kMinMatch) {
                 const Ozr32u dist = kMaxDistance - (key & 0xFFFF);
                 w.put((dist << 8) | (best - kMinMatch), kMatchBits);
-                if (i + best < hashEnd) {
-                    // The next search's first candidate (unless the insertions below
-                    // put a newer one in front): its chain link and bytes, fetched
-                    // while they run.
-                    const Ozr32s next = head[hash3(ip + best)];
-                    __builtin_prefetch(chain + (Ozr32u(next) & kChainMask));
-                    __builtin_prefetch(at(next));
-                }
-                for (size_t j = i + 1; j < i + best; ++j) insert(j);
                 i += best;
             } else {
                 w.put(0x100u | *ip, kLiteralBits);
