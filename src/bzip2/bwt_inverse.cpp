@@ -43,23 +43,41 @@ void firstRows(const Ozr32u* counts, Ozr32u* start) {
     }
 }
 
+// Where the walk's k-th byte goes: p[k] for a walk that spells the block forwards,
+// p[-k] for one that spells it backwards (the block decoder's predecessor links).
+template <bool Back>
+struct Out {
+    Ozr8u* p;
+    void put(int k, Ozr32u e) const { p[Back ? -k : k] = static_cast<Ozr8u>(e); }
+    Out skip(int k) const { return {Back ? p - k : p + k}; }
+    // Moves the bytes of walk places [from, from + len) to [to, to + len), to < from.
+    void move(int from, int to, int len) const {
+        if constexpr (Back) {
+            m7_ownsMove_8u_M7(p - from - len + 1, p - to - len + 1, static_cast<size_t>(len));
+        } else {
+            m7_ownsMove_8u_M7(p + from, p + to, static_cast<size_t>(len));
+        }
+    }
+};
+
 // Follows the packed links from row p for n bytes; returns the row reached.
-inline Ozr32u walkPacked(const Ozr32u* link, Ozr32u p, Ozr8u* dst, int n) {
+template <bool Back>
+inline Ozr32u walkPacked(const Ozr32u* link, Ozr32u p, Out<Back> dst, int n) {
     int k = 0;
     for (; k + 4 <= n; k += 4) {
         Ozr32u e0 = link[p];
-        dst[k] = static_cast<Ozr8u>(e0);
+        dst.put(k, e0);
         Ozr32u e1 = link[e0 >> 8];
-        dst[k + 1] = static_cast<Ozr8u>(e1);
+        dst.put(k + 1, e1);
         Ozr32u e2 = link[e1 >> 8];
-        dst[k + 2] = static_cast<Ozr8u>(e2);
+        dst.put(k + 2, e2);
         Ozr32u e3 = link[e2 >> 8];
-        dst[k + 3] = static_cast<Ozr8u>(e3);
+        dst.put(k + 3, e3);
         p = e3 >> 8;
     }
     for (; k < n; ++k) {
         Ozr32u e = link[p];
-        dst[k] = static_cast<Ozr8u>(e);
+        dst.put(k, e);
         p = e >> 8;
     }
     return p;
@@ -67,10 +85,11 @@ inline Ozr32u walkPacked(const Ozr32u* link, Ozr32u p, Ozr8u* dst, int n) {
 
 // Follows the links from row p for n bytes like walkPacked, for links whose top
 // bit may carry a visited mark; returns the row reached.
-inline Ozr32u walkMarked(const Ozr32u* link, Ozr32u p, Ozr8u* dst, int n) {
+template <bool Back>
+inline Ozr32u walkMarked(const Ozr32u* link, Ozr32u p, Out<Back> dst, int n) {
     for (int k = 0; k < n; ++k) {
         Ozr32u e = link[p];
-        dst[k] = static_cast<Ozr8u>(e);
+        dst.put(k, e);
         p = (e >> 8) & 0x7FFFFF;
     }
     return p;
@@ -94,7 +113,8 @@ constexpr Ozr32u kVisited = 0x80000000u;
 // holds whenever the links form one cycle, as for any genuine last column; if a
 // check fails (a column whose links form several cycles), the caller walks the
 // whole block again the plain way. Visited rows carry a mark in the top bit.
-bool walkSplit(Ozr32u* link, Ozr32u from, Ozr32u end, Ozr8u* dst, int m, int n) {
+template <bool Back>
+bool walkSplit(Ozr32u* link, Ozr32u from, Ozr32u end, Out<Back> dst, int m, int n) {
     Ozr32u seed = static_cast<Ozr32u>(n) * 2654435761u;
     for (;;) {
         Ozr32u x = end;
@@ -116,31 +136,32 @@ bool walkSplit(Ozr32u* link, Ozr32u from, Ozr32u end, Ozr8u* dst, int m, int n) 
             Ozr32u ea = link[a], eb = link[b];
             link[a] = ea | kVisited;
             link[b] = eb | kVisited;
-            dst[k] = static_cast<Ozr8u>(ea);
-            dst[half + k] = static_cast<Ozr8u>(eb);
+            dst.put(k, ea);
+            dst.put(half + k, eb);
             a = (ea >> 8) & 0x7FFFFF;
             b = (eb >> 8) & 0x7FFFFF;
             ++k;
         }
         if (a == x) {
-            m7_ownsMove_8u_M7(dst + half, dst + k, static_cast<size_t>(k));
+            dst.move(half, k, k);
             from = b;
-            dst += 2 * k;
+            dst = dst.skip(2 * k);
             m -= 2 * k;
         } else if (b == end) {
-            m7_ownsMove_8u_M7(dst + half, dst + m - k, static_cast<size_t>(k));
+            dst.move(half, m - k, k);
             from = a;
             end = x;
-            dst += k;
+            dst = dst.skip(k);
             m -= 2 * k;
         } else {
-            return walkMarked(link, a, dst + k, m - k) == end;
+            return walkMarked(link, a, dst.skip(k), m - k) == end;
         }
     }
 }
 
 // The whole walk from row `start`: n bytes, ending back at `start`.
-void walk(Ozr32u* link, Ozr32u start, Ozr8u* dst, int n) {
+template <bool Back>
+void walk(Ozr32u* link, Ozr32u start, Out<Back> dst, int n) {
     if (n < kMaxSplitLen && walkSplit(link, start, start, dst, n, n)) return;
     if (n < kMaxSplitLen) {
         walkMarked(link, start, dst, n);
@@ -161,7 +182,7 @@ void m7_ownsBWTInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int n, int index, const Oz
             Ozr8u c = pSrc[i];
             pLink[start[c]++] = static_cast<Ozr32u>(i) << 8 | c;
         }
-        walk(pLink, static_cast<Ozr32u>(index), pDst, n);
+        walk(pLink, static_cast<Ozr32u>(index), Out<false>{pDst}, n);
         return;
     }
     for (int i = 0; i < n; ++i) pLink[start[pSrc[i]]++] = static_cast<Ozr32u>(i);
@@ -176,7 +197,11 @@ void m7_ownsBWTInvLinked_8u(Ozr32u* pLink, Ozr8u* pDst, int n, int index, const 
     Ozr32u start[256];
     firstRows(counts, start);
     for (int i = 0; i < n; ++i) pLink[start[pLink[i] & 0xFF]++] |= static_cast<Ozr32u>(i) << 8;
-    walk(pLink, pLink[index] >> 8, pDst, n);
+    walk(pLink, pLink[index] >> 8, Out<false>{pDst}, n);
+}
+
+void m7_ownsBWTInvWalkBack_8u(Ozr32u* pLink, Ozr8u* pDst, int n, int index) {
+    walk(pLink, static_cast<Ozr32u>(index), Out<true>{pDst + n - 1}, n);
 }
 
 OzrResult m7_ozrsBWTInvGetSize_8u(int n, int* pSize) {
