@@ -119,7 +119,8 @@ bool walkSplit(Ozr32u* link, Ozr32u from, Ozr32u end, Out<Back> dst, int m, int 
     for (;;) {
         Ozr32u x = end;
         if (m >= kMinSegment) {
-            for (int probe = 0; probe < 8; ++probe) {
+            const int probes = m / 16 > 8 ? m / 16 : 8;
+            for (int probe = 0; probe < probes; ++probe) {
                 seed = seed * 1664525u + 1013904223u;
                 Ozr32u c = static_cast<Ozr32u>((static_cast<Ozr64u>(seed) * static_cast<Ozr32u>(n)) >> 32);
                 if (c != from && c != end && !(link[c] & kVisited)) {

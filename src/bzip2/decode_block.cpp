@@ -59,7 +59,17 @@ OzrResult m7_ozrsDecodeBlock_BZ2_16u8u(const Ozr16u* pSrc, int srcLen, Ozr8u* pD
             const Ozr32u rank = count[b];
             count[b] += static_cast<Ozr32u>(run);
             Ozr32u* d = tt + n;
-            for (Ozr32u k = 0; k < static_cast<Ozr32u>(run); ++k) d[k] = (rank + k) << 8 | b;
+            const Ozr32u len = static_cast<Ozr32u>(run);
+            Ozr32u k = 0;
+            if (len >= 4) {
+                __m128i w = _mm_add_epi32(_mm_set1_epi32(static_cast<int>(rank << 8 | b)), _mm_setr_epi32(0, 256, 512, 768));
+                const __m128i step = _mm_set1_epi32(4 << 8);
+                for (; k + 4 <= len; k += 4) {
+                    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + k), w);
+                    w = _mm_add_epi32(w, step);
+                }
+            }
+            for (; k < len; ++k) d[k] = (rank + k) << 8 | b;
             n += static_cast<int>(run);
             continue;
         }
@@ -74,13 +84,19 @@ OzrResult m7_ozrsDecodeBlock_BZ2_16u8u(const Ozr16u* pSrc, int srcLen, Ozr8u* pD
         }
         const Ozr8u b = list[r];
         // Entries 0..r-1 move up one place: 16 bytes at a time from the top (each
-        // load lies below the stores already made), the last few one by one.
+        // load lies below the stores already made), then the first 16 entries at
+        // once, shifted up one lane where the lane is at most the remaining count
+        // and with b in lane 0.
         unsigned k = r;
         for (; k >= 16; k -= 16)
             _mm_storeu_si128(reinterpret_cast<__m128i*>(list + k - 15),
                              _mm_loadu_si128(reinterpret_cast<const __m128i*>(list + k - 16)));
-        for (; k > 0; --k) list[k] = list[k - 1];
-        list[0] = b;
+        const __m128i head = _mm_load_si128(reinterpret_cast<const __m128i*>(list));
+        const __m128i moved = _mm_cmplt_epi8(_mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15),
+                                             _mm_set1_epi8(static_cast<char>(k + 1)));
+        _mm_store_si128(reinterpret_cast<__m128i*>(list),
+                        _mm_or_si128(_mm_or_si128(_mm_and_si128(moved, _mm_slli_si128(head, 1)), _mm_andnot_si128(moved, head)),
+                                     _mm_cvtsi32_si128(b)));
         tt[n++] = count[b]++ << 8 | b;
         ++i;
     }
