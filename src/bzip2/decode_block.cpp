@@ -110,7 +110,7 @@ OzrResult m7_ozrsDecodeBlock_BZ2_16u8u(const Ozr16u* pSrc, int srcLen, Ozr8u* pD
     // with L[index]. The words already hold the occurrence counts above their bytes,
     // so adding C[L[i]] turns them into the walk's links, LF[i] << 8 | L[i], in one
     // sequential pass: the walk is then one dependent load per byte, and it runs as
-    // several walks in step.
+    // several walks in flight.
     Ozr32u first[256];
     Ozr32u sum = 0;
     for (int c = 0; c < 256; ++c) { first[c] = sum << 8; sum += count[c]; }
