@@ -826,9 +826,9 @@ Bytes decodeBlock(const Syms& syms, int n, int index, int dict, const Ozr8u* inU
     return out;
 }
 
-TEST(Bzip2DecodeBlock, BlocksAboveTwoToTheTwentyBytesUseWideLinks) {
-    // 1 200 000 bytes over {a, b, c} through the library's forward stages, back
-    // through block decoding (links of 24 bits instead of 20 above 2^20 positions).
+TEST(Bzip2DecodeBlock, BlocksAboveTwoToTheTwentyBytesDecode) {
+    // 1 200 000 bytes over {a, b, c} (beyond bzip2's block sizes) through the
+    // library's forward stages, back through block decoding.
     Bytes text = randomBytes(1200000, 77);
     for (auto& c : text) c = static_cast<uint8_t>('a' + c % 3);
     const int n = static_cast<int>(text.size());
