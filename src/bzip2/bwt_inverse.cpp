@@ -128,37 +128,45 @@ struct Walker {
 };
 
 // Runs the A walkers in turn until one of them reaches a marked row or has no room
-// left; returns that walker.
+// left; returns that walker. Between those events every walker makes the same
+// number of steps, so only the marks are tested inside the loop.
 template <bool Back, int A>
 int stepWalkers(Ozr32u* link, Walker* w) {
-    Ozr32u row[A], left[A];
+    Ozr32u row[A];
     Ozr8u* at[A];
+    Ozr32u room = w[0].left;
+    int least = 0;
     for (int i = 0; i < A; ++i) {
         row[i] = w[i].row;
-        left[i] = w[i].left;
         at[i] = w[i].at;
+        if (w[i].left < room) {
+            room = w[i].left;
+            least = i;
+        }
     }
-    int stop = 0;
-    for (;;) {
-#pragma GCC unroll 8
+    int stop = least;
+    Ozr32u steps = 0;
+    for (; steps < room; ++steps) {
+        const ptrdiff_t k = Back ? -static_cast<ptrdiff_t>(steps) : static_cast<ptrdiff_t>(steps);
+#pragma GCC unroll 4
         for (int i = 0; i < A; ++i) {
             const Ozr32u e = link[row[i]];
-            if ((e & kVisited) || left[i] == 0) {
+            if (e & kVisited) {
                 stop = i;
                 goto done;
             }
             link[row[i]] = e | kVisited;
-            *at[i] = static_cast<Ozr8u>(e);
-            at[i] += Back ? -1 : 1;
-            --left[i];
+            at[i][k] = static_cast<Ozr8u>(e);
             row[i] = (e >> 8) & 0x7FFFFF;
         }
     }
 done:
+    // Walkers before `stop` made one step more than the others in the last round.
     for (int i = 0; i < A; ++i) {
+        const Ozr32u made = steps + (steps < room && i < stop ? 1 : 0);
         w[i].row = row[i];
-        w[i].left = left[i];
-        w[i].at = at[i];
+        w[i].left -= made;
+        w[i].at = at[i] + (Back ? -static_cast<ptrdiff_t>(made) : static_cast<ptrdiff_t>(made));
     }
     return stop;
 }
