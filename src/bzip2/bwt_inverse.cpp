@@ -103,7 +103,11 @@ constexpr Ozr32u kVisited = 0x80000000u;
 // and cover all n rows exactly once; that holds for any genuine last column. Then
 // the links are no longer needed, the output is copied into their space and each
 // fragment copied to its place. A column whose links form several cycles fails the
-// check (with the links still intact) and is walked again the plain way.
+// check (with the links still intact) and is walked again the plain way. A backward
+// walk fills each fragment from its top, so that every fragment moves to its place
+// in one copy. Past kMaxPieces no new walk starts; running out of fragments fails
+// the check like a broken column (neither happens for bzip2's blocks: about 80
+// pieces and 210 fragments for 900 000 bytes).
 constexpr int kMaxPieces = 256;
 constexpr int kMaxFragments = 512;
 constexpr int kWalks = 16;
