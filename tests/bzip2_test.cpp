@@ -529,8 +529,8 @@ Bytes refInverse(const Bytes& last, int index) {
 }
 
 TEST(BWTInverse, AnyColumnAndIndexDecodeAsDefinedInBothForms) {
-    // Columns that are no BWT output have links in several cycles: the two walks in
-    // step must still give what one walk gives.
+    // Columns that are no BWT output have links in several cycles: the walks in
+    // flight must still give what one walk gives.
     std::vector<Bytes> columns = {randomBytes(5000, 17), periodicBytes(4001, 7, 18), Bytes{2, 1, 1, 0, 0, 2, 2},
                                   randomBytes(70001, 19), runsBytes(40000, 20)};
     for (const Bytes& b : {textBytes(50000, 24), periodicBytes(60000, 12, 25)}) {

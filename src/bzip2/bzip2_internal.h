@@ -20,5 +20,10 @@ void m7_ownsBWTInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int n, int index, const Oz
 // upper 24 bits zero), as a block decoder builds it: the links are added in place
 // and the block written to pDst. n < 2^24, index in [0, n), counts as above.
 void m7_ownsBWTInvLinked_8u(Ozr32u* pLink, Ozr8u* pDst, int n, int index, const Ozr32u* counts);
+// The walk backwards over predecessor links, as the block decoder builds them in
+// order: pLink[i] = LF[i] << 8 | L[i] (LF[i]: the row of the rotation one byte
+// earlier), n < 2^24, index in [0, n). Writes pDst[n - 1] = L[index], then follows
+// LF down to pDst[0]; the links' top bit is used for marks.
+void m7_ownsBWTInvWalkBack_8u(Ozr32u* pLink, Ozr8u* pDst, int n, int index);
 
 }  // extern "C"
