@@ -122,6 +122,7 @@ bool induced(const Layout& l, int n, Ozr8u* pDst, int* pIndex) {
     int q = n;
     int r = leastRotation(l.block, n, &q);
     const Ozr8u* t = l.block + r;
+    if (q == n) return m7_ownsLastColumn_8u(t, l.sa, n, restWorkspace(l), pDst, (n - r) % n, pIndex);
     if (!m7_ownsSuffixArray_8u(t, l.sa, q, restWorkspace(l))) return false;
     emit(t, l.sa, q, n / q, (n - r) % n, pDst, pIndex);
     return true;
