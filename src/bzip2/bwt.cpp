@@ -68,6 +68,14 @@ inline m7::SaisWorkspace restWorkspace(const Layout& l) {
 int leastRotation(const Ozr8u* d, int n, int* period) {
     int i = 0, j = 1, k = 0;
     while (i < n && j < n && k < n) {
+        // Long matches (near-periodic blocks) are skipped eight bytes at a time.
+        for (; k + 8 <= n; k += 8) {
+            Ozr64u u, v;
+            __builtin_memcpy(&u, d + i + k, 8);
+            __builtin_memcpy(&v, d + j + k, 8);
+            if (u != v) break;
+        }
+        if (k >= n) break;
         Ozr8u a = d[i + k], b = d[j + k];
         if (a == b) {
             ++k;

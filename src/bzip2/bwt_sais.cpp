@@ -44,6 +44,10 @@ using m7::SaisWorkspace;
 constexpr Ozr32s kEmpty = -1;
 constexpr Ozr32s kStart = static_cast<Ozr32s>(0x80000000u);  // class-start mark
 constexpr Ozr32s kPos = 0x7FFFFFFF;
+// An L-part entry of the first pair of passes whose predecessor is L-type has
+// nothing left to induce; the left-to-right pass replaces it by kDone (keeping its
+// class mark), so the right-to-left pass passes it without reading T.
+constexpr Ozr32s kDone = 0x7FFFFFFE;
 constexpr int kAhead = 32;  // entries fetched ahead in the loops that follow SA into T
 
 template <class C>
@@ -68,15 +72,20 @@ inline void bucketTails(const Ozr32s* counts, int K, Ozr32s* b) {
     }
 }
 
-// Calls f(i) for every LMS position i of T[0, n), from the last to the first.
-template <class C, class F>
-inline void forEachLMSBackward(const C* T, int n, F f) {
-    bool nextS = false;  // the last suffix is L-type
+// LMS positions of T[0, n) in text order into the m words before `end`; returns m.
+// Branch-free (about a third of the positions are LMS on text, at random): every
+// step also writes end[-m-1], which must be writable.
+template <class C>
+int lmsPositions(const C* T, int n, Ozr32s* end) {
+    Ozr32s* p = end;
+    int nextS = 0;  // the last suffix is L-type
     for (int i = n - 2; i >= 0; --i) {
-        bool s = T[i] < T[i + 1] || (T[i] == T[i + 1] && nextS);
-        if (nextS && !s) f(i + 1);
+        int s = (T[i] < T[i + 1]) | ((T[i] == T[i + 1]) & nextS);
+        p[-1] = i + 1;
+        p -= nextS & (s ^ 1);
         nextS = s;
     }
+    return static_cast<int>(end - p);
 }
 
 // Where the final right-to-left pass writes the last column, when the caller
@@ -100,9 +109,13 @@ void induceLNamed(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Oz
         if (e == kEmpty) continue;
         cls += e < 0;
         Ozr32s j = e & kPos;
-        if (j == 0) continue;
+        if (j == 0) {
+            SA[i] = kDone | (e & kStart);
+            continue;
+        }
         C c0 = T[j - 1];
         if (c0 >= T[j]) {
+            SA[i] = kDone | (e & kStart);
             Ozr32s mark = last[c0] != cls ? kStart : 0;
             last[c0] = cls;
             SA[b[c0]++] = (j - 1) | mark;
@@ -124,11 +137,12 @@ int induceSNamed(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr
     for (int i = n - 1; i >= 0; --i) {
         if (i >= kAhead) __builtin_prefetch(&T[(SA[i - kAhead] & kPos) - 1]);
         Ozr32s e = SA[i];
-        if (e == kEmpty) {
-            carry = true;
+        Ozr32s j = e & kPos;
+        if (j >= kDone) {  // kDone: an L part's entry; kEmpty (not met in practice)
+            cls += carry;
+            carry = e == kEmpty || e < 0;
             continue;
         }
-        Ozr32s j = e & kPos;
         C c1 = T[j];
         bool inS = i >= b[c1];
         bool starts = inS ? e < 0 : carry;  // S part: marked towards the right; L part: the left
@@ -153,8 +167,10 @@ int induceSNamed(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr
 
 // Final left-to-right pass: every L-type suffix placed at the head of its bucket,
 // in order, from the entries already in SA (the virtual end marker first).
-template <class C>
-void induceL(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr32s* b) {
+// For the last column, an entry whose predecessor is L-type is done with after
+// this pass: it is replaced by its last-column byte with bit 31 set.
+template <class C, bool kLast>
+void induceL(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr32s* b, const LastColumn* out) {
     bucketHeads(counts, K, b);
     SA[b[T[n - 1]]++] = n - 1;
     for (int i = 0; i < n; ++i) {
@@ -162,7 +178,12 @@ void induceL(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr32s*
         Ozr32s j = SA[i];
         if (j <= 0) continue;
         C c0 = T[j - 1];
-        if (c0 >= T[j]) SA[b[c0]++] = j - 1;
+        if (c0 >= T[j]) {
+            SA[b[c0]++] = j - 1;
+            if constexpr (kLast) {
+                if (j != out->origin) SA[i] = kStart | static_cast<Ozr32s>(c0);
+            }
+        }
     }
 }
 
@@ -173,9 +194,13 @@ template <class C, bool kLast>
 void induceS(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr32s* b, const LastColumn* out) {
     bucketTails(counts, K, b);
     for (int i = n - 1; i >= 0; --i) {
-        if (i >= kAhead) __builtin_prefetch(&T[SA[i - kAhead] - 1]);
+        if (i >= kAhead) __builtin_prefetch(&T[(SA[i - kAhead] & kPos) - 1]);
         Ozr32s j = SA[i];
         if constexpr (kLast) {
+            if (j < 0) {
+                out->dst[i] = static_cast<Ozr8u>(j);
+                continue;
+            }
             out->dst[i] = static_cast<Ozr8u>(T[j > 0 ? j - 1 : n - 1]);
             if (j == out->origin) *out->index = i;
         }
@@ -226,13 +251,15 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColu
 
     // Stage 1: LMS seeds at their bucket tails; the first of each bucket starts
     // the bucket's one seed class.
+    // (The LMS positions pass through the names area, free until the naming pass.)
     for (int i = 0; i < n; ++i) SA[i] = kEmpty;
     bucketTails(counts, K, b);
-    int m = 0;
-    forEachLMSBackward(T, n, [&](int i) {
+    Ozr32s* namesEnd = names + n / 2 + 1;
+    int m = lmsPositions(T, n, namesEnd);
+    for (const Ozr32s* p = namesEnd; p > namesEnd - m;) {
+        Ozr32s i = *--p;
         SA[--b[T[i]]] = i;
-        ++m;
-    });
+    }
     {
         Ozr32s sum = 0;
         for (int c = 0; c < K; ++c) {
@@ -244,23 +271,25 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColu
     int distinct = m > 0 ? induceSNamed(T, SA, n, K, counts, b, last, names) : 0;
 
     // Stage 2: order of the LMS suffixes into SA[0, m). Names count down from the
-    // largest class; flipped here so that they rise with the order.
+    // largest class; flipped here so that they rise with the order. The LMS
+    // positions go to the top of SA, SA[n - m, n) (m <= n / 2).
+    Ozr32s* s1 = SA + n - m;
+    lmsPositions(T, n, SA + n);
     if (distinct == m) {
-        forEachLMSBackward(T, n, [&](int i) { SA[distinct - names[i >> 1]] = i; });
+        for (int k = 0; k < m; ++k) SA[distinct - names[s1[k] >> 1]] = s1[k];
     } else {
-        // The reduced string (names in text order) at the top of SA.
-        Ozr32s* s1 = SA + n - m;
-        int k = m;
-        forEachLMSBackward(T, n, [&](int i) { s1[--k] = distinct - names[i >> 1]; });
+        // The reduced string (names in text order) replaces the positions.
+        for (int k = 0; k < m; ++k) s1[k] = distinct - names[s1[k] >> 1];
         // The deeper levels take the larger of the workspace and the gap between
         // the reduced string and its suffix array.
         SaisWorkspace sub = rest;
         if (static_cast<size_t>(n - 2 * m) > rest.words) sub = SaisWorkspace{SA + m, static_cast<size_t>(n - 2 * m)};
         if (!sais(s1, SA, m, distinct, sub, nullptr)) return false;
-        // Ranks back to positions: the LMS positions in text order replace the
-        // reduced string.
-        k = m;
-        forEachLMSBackward(T, n, [&](int i) { s1[--k] = i; });
+        // Ranks back to positions. The scan's spare write below s1 may fall into
+        // SA[0, m) when m = n / 2: kept aside.
+        Ozr32s below = SA[n - m - 1];
+        lmsPositions(T, n, SA + n);
+        SA[n - m - 1] = below;
         for (int r = 0; r < m; ++r) {
             if (r + kAhead < m) __builtin_prefetch(&s1[SA[r + kAhead]]);
             SA[r] = s1[SA[r]];
@@ -276,10 +305,11 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColu
         SA[r] = kEmpty;
         SA[--b[T[j]]] = j;
     }
-    induceL(T, SA, n, K, counts, b);
     if (out) {
+        induceL<C, true>(T, SA, n, K, counts, b, out);
         induceS<C, true>(T, SA, n, K, counts, b, out);
     } else {
+        induceL<C, false>(T, SA, n, K, counts, b, nullptr);
         induceS<C, false>(T, SA, n, K, counts, b, nullptr);
     }
     return true;
