@@ -221,7 +221,8 @@ inline Ozr32s* take(SaisWorkspace* ws, size_t words) {
 
 // Suffix array of T[0, n) over the alphabet [0, K) into SA[0, n), or, with `out`,
 // its last column. Returns false when the workspace is too small for a level's
-// tables (K words three times above 256 symbols, and n / 2 + 1 words for names).
+// tables (above 256 symbols K words three times, n / 2 + 1 words for names, and at
+// the byte level as many again for the LMS positions).
 template <class C>
 bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColumn* out) {
     if (n == 1) {
@@ -239,24 +240,32 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColu
     if (K > 256) {
         counts = take(&ws, static_cast<size_t>(K));
         b = take(&ws, static_cast<size_t>(K));
-        last = take(&ws, static_cast<size_t>(K));
-        if (!counts || !b || !last) return false;
+        if (!counts || !b) return false;
     }
-    // Names by position / 2 (LMS positions are at least two apart); free again
-    // once the reduced string is built, so the recursion reuses the space.
+    // The LMS positions in text order: the byte level keeps them through the
+    // recursion; the deeper levels find them again, which keeps their memory
+    // within the sum of counts and bucket arrays that the buffer size allows for.
+    Ozr32s* kept = nullptr;
+    if constexpr (sizeof(C) == 1) {
+        kept = take(&ws, static_cast<size_t>(n) / 2 + 1);
+        if (!kept) return false;
+    }
+    // Names by position / 2 (LMS positions are at least two apart), and last[]:
+    // free again once the reduced string is built, so the recursion reuses them.
     SaisWorkspace rest = ws;
     Ozr32s* names = take(&ws, static_cast<size_t>(n) / 2 + 1);
-    if (!names) return false;
+    if (K > 256) last = take(&ws, static_cast<size_t>(K));
+    if (!names || !last) return false;
     countSymbols(T, n, K, counts);
 
     // Stage 1: LMS seeds at their bucket tails; the first of each bucket starts
-    // the bucket's one seed class.
-    // (The LMS positions pass through the names area, free until the naming pass.)
+    // the bucket's one seed class. (Unless kept, the LMS positions pass through
+    // the names area, free until the naming pass.)
     for (int i = 0; i < n; ++i) SA[i] = kEmpty;
     bucketTails(counts, K, b);
-    Ozr32s* namesEnd = names + n / 2 + 1;
-    int m = lmsPositions(T, n, namesEnd);
-    for (const Ozr32s* p = namesEnd; p > namesEnd - m;) {
+    Ozr32s* lmsEnd = (kept ? kept : names) + n / 2 + 1;
+    int m = lmsPositions(T, n, lmsEnd);
+    for (const Ozr32s* p = lmsEnd; p > lmsEnd - m;) {
         Ozr32s i = *--p;
         SA[--b[T[i]]] = i;
     }
@@ -271,15 +280,16 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColu
     int distinct = m > 0 ? induceSNamed(T, SA, n, K, counts, b, last, names) : 0;
 
     // Stage 2: order of the LMS suffixes into SA[0, m). Names count down from the
-    // largest class; flipped here so that they rise with the order. The LMS
-    // positions go to the top of SA, SA[n - m, n) (m <= n / 2).
+    // largest class; flipped here so that they rise with the order. Unless kept,
+    // the LMS positions go to the top of SA, SA[n - m, n) (m <= n / 2).
     Ozr32s* s1 = SA + n - m;
-    lmsPositions(T, n, SA + n);
+    const Ozr32s* lms = kept ? lmsEnd - m : s1;
+    if (!kept) lmsPositions(T, n, SA + n);
     if (distinct == m) {
-        for (int k = 0; k < m; ++k) SA[distinct - names[s1[k] >> 1]] = s1[k];
+        for (int k = 0; k < m; ++k) SA[distinct - names[lms[k] >> 1]] = lms[k];
     } else {
-        // The reduced string (names in text order) replaces the positions.
-        for (int k = 0; k < m; ++k) s1[k] = distinct - names[s1[k] >> 1];
+        // The reduced string (names in text order) at the top of SA.
+        for (int k = 0; k < m; ++k) s1[k] = distinct - names[lms[k] >> 1];
         // The deeper levels take the larger of the workspace and the gap between
         // the reduced string and its suffix array.
         SaisWorkspace sub = rest;
@@ -287,12 +297,14 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColu
         if (!sais(s1, SA, m, distinct, sub, nullptr)) return false;
         // Ranks back to positions. The scan's spare write below s1 may fall into
         // SA[0, m) when m = n / 2: kept aside.
-        Ozr32s below = SA[n - m - 1];
-        lmsPositions(T, n, SA + n);
-        SA[n - m - 1] = below;
+        if (!kept) {
+            Ozr32s below = SA[n - m - 1];
+            lmsPositions(T, n, SA + n);
+            SA[n - m - 1] = below;
+        }
         for (int r = 0; r < m; ++r) {
-            if (r + kAhead < m) __builtin_prefetch(&s1[SA[r + kAhead]]);
-            SA[r] = s1[SA[r]];
+            if (r + kAhead < m) __builtin_prefetch(&lms[SA[r + kAhead]]);
+            SA[r] = lms[SA[r]];
         }
     }
     for (int i = m; i < n; ++i) SA[i] = kEmpty;
