@@ -242,11 +242,13 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColu
         b = take(&ws, static_cast<size_t>(K));
         if (!counts || !b) return false;
     }
-    // The LMS positions in text order: the byte level keeps them through the
-    // recursion; the deeper levels find them again, which keeps their memory
-    // within the sum of counts and bucket arrays that the buffer size allows for.
+    // The LMS positions in text order are kept through the recursion when the
+    // workspace has room for them and for any deeper levels: a level that keeps
+    // nothing needs at most 4n words with its descendants (2K for counts and
+    // buckets, then the larger of its names and last[] or its child's share, the
+    // child at most half as long). Else they are found again.
     Ozr32s* kept = nullptr;
-    if constexpr (sizeof(C) == 1) {
+    if (sizeof(C) == 1 || ws.words >= 5 * static_cast<size_t>(n) + 64) {
         kept = take(&ws, static_cast<size_t>(n) / 2 + 1);
         if (!kept) return false;
     }
