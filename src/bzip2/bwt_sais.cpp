@@ -35,6 +35,8 @@
 // neighbour"; the right-to-left scan reads either kind. An LMS entry met in that
 // scan gets the running count of LMS classes as its name, so no substring is
 // compared byte by byte.
+#include <emmintrin.h>
+
 #include "bwt_internal.h"
 
 namespace {
@@ -53,7 +55,21 @@ constexpr int kAhead = 32;  // entries fetched ahead in the loops that follow SA
 template <class C>
 void countSymbols(const C* T, int n, int K, Ozr32s* counts) {
     for (int c = 0; c < K; ++c) counts[c] = 0;
-    for (int i = 0; i < n; ++i) ++counts[T[i]];
+    int i = 0;
+    if constexpr (sizeof(C) == 1) {
+        // Four tables, so that runs of one byte do not chain their increments.
+        Ozr32s more[3][256];
+        for (int t = 0; t < 3; ++t)
+            for (int c = 0; c < 256; ++c) more[t][c] = 0;
+        for (; i + 4 <= n; i += 4) {
+            ++counts[T[i]];
+            ++more[0][T[i + 1]];
+            ++more[1][T[i + 2]];
+            ++more[2][T[i + 3]];
+        }
+        for (int c = 0; c < 256; ++c) counts[c] += more[0][c] + more[1][c] + more[2][c];
+    }
+    for (; i < n; ++i) ++counts[T[i]];
 }
 
 inline void bucketHeads(const Ozr32s* counts, int K, Ozr32s* b) {
@@ -72,18 +88,65 @@ inline void bucketTails(const Ozr32s* counts, int K, Ozr32s* b) {
     }
 }
 
+// Bit-reversed bytes.
+struct ReversedBytes {
+    Ozr8u r[256];
+    constexpr ReversedBytes() : r() {
+        for (int x = 0; x < 256; ++x) {
+            int y = 0;
+            for (int k = 0; k < 8; ++k) y |= ((x >> k) & 1) << (7 - k);
+            r[x] = static_cast<Ozr8u>(y);
+        }
+    }
+};
+constexpr ReversedBytes kReversed;
+
+inline unsigned reverse16(unsigned x) { return static_cast<unsigned>(kReversed.r[x & 255]) << 8 | kReversed.r[x >> 8]; }
+
 // LMS positions of T[0, n) in text order into the m words before `end`; returns m.
-// Branch-free (about a third of the positions are LMS on text, at random): every
-// step also writes end[-m-1], which must be writable.
+// The scalar steps are branch-free (about a third of the positions are LMS on
+// text, at random): each also writes end[-m-1], which must be writable.
 template <class C>
 int lmsPositions(const C* T, int n, Ozr32s* end) {
     Ozr32s* p = end;
     int nextS = 0;  // the last suffix is L-type
-    for (int i = n - 2; i >= 0; --i) {
-        int s = (T[i] < T[i + 1]) | ((T[i] == T[i + 1]) & nextS);
+    int i = n - 2;
+    if constexpr (sizeof(C) == 1) {
+        // Sixteen positions x = base .. base + 15 at a time, from the end. With
+        // the bits reversed (bit r for x = base + 15 - r), "x is S-type" is the
+        // carry chain c_r = below_r | (equal_r & c_{r-1}) with c_{-1} the type of
+        // base + 16, which one addition resolves.
+        const __m128i flip = _mm_set1_epi8(static_cast<char>(0x80));
+        for (; i >= 15; i -= 16) {
+            int base = i - 15;
+            __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(T + base));
+            __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(T + base + 1));
+            unsigned below = static_cast<unsigned>(
+                _mm_movemask_epi8(_mm_cmpgt_epi8(_mm_xor_si128(b, flip), _mm_xor_si128(a, flip))));
+            unsigned equal = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, b)));
+            unsigned g = reverse16(below), x = g | reverse16(equal);
+            unsigned sRev = ((x + g + static_cast<unsigned>(nextS)) ^ x ^ g) >> 1;
+            // Bit r: type of base + 16 - r, r = 0..16; LMS where S follows L.
+            unsigned y = sRev << 1 | static_cast<unsigned>(nextS);
+            Ozr64u lms = y & ~(y >> 1) & 0xFFFF;
+            while (lms) {
+                unsigned r = m7::trailingZeros64(lms);
+                *--p = base + 16 - static_cast<int>(r);
+                lms &= lms - 1;
+            }
+            nextS = (y >> 16) & 1;
+        }
+    }
+    // i is S-type when T[i] - T[i+1] < (i + 1 is S-type): below, or equal and
+    // followed by an S-type.
+    Ozr64s next = T[i + 1];
+    for (; i >= 0; --i) {
+        Ozr64s c = T[i];
+        int s = c - next < nextS;
         p[-1] = i + 1;
-        p -= nextS & (s ^ 1);
+        p -= nextS > s;
         nextS = s;
+        next = c;
     }
     return static_cast<int>(end - p);
 }
@@ -263,10 +326,10 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColu
     // Stage 1: LMS seeds at their bucket tails; the first of each bucket starts
     // the bucket's one seed class. (Unless kept, the LMS positions pass through
     // the names area, free until the naming pass.)
-    for (int i = 0; i < n; ++i) SA[i] = kEmpty;
-    bucketTails(counts, K, b);
     Ozr32s* lmsEnd = (kept ? kept : names) + n / 2 + 1;
     int m = lmsPositions(T, n, lmsEnd);
+    for (int i = 0; i < n; ++i) SA[i] = kEmpty;
+    bucketTails(counts, K, b);
     for (const Ozr32s* p = lmsEnd; p > lmsEnd - m;) {
         Ozr32s i = *--p;
         SA[--b[T[i]]] = i;
