@@ -273,6 +273,10 @@ void induceS(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr32s*
     }
 }
 
+inline void fillEmpty(Ozr32s* SA, int n) {
+    m7_ownsSet_8u(0xFF, reinterpret_cast<Ozr8u*>(SA), 4 * static_cast<size_t>(n));  // kEmpty = -1
+}
+
 // Carves `words` 32-bit words from the workspace; null when they do not fit.
 inline Ozr32s* take(SaisWorkspace* ws, size_t words) {
     if (words > ws->words) return nullptr;
@@ -328,9 +332,11 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColu
     // the names area, free until the naming pass.)
     Ozr32s* lmsEnd = (kept ? kept : names) + n / 2 + 1;
     int m = lmsPositions(T, n, lmsEnd);
-    for (int i = 0; i < n; ++i) SA[i] = kEmpty;
+    fillEmpty(SA, n);
     bucketTails(counts, K, b);
     for (const Ozr32s* p = lmsEnd; p > lmsEnd - m;) {
+        // The stores scatter over SA: their lines are fetched some steps ahead.
+        if (p - kAhead > lmsEnd - m) __builtin_prefetch(&SA[b[T[p[-kAhead]]] - 1], 1);
         Ozr32s i = *--p;
         SA[--b[T[i]]] = i;
     }
@@ -372,7 +378,7 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColu
             SA[r] = lms[SA[r]];
         }
     }
-    for (int i = m; i < n; ++i) SA[i] = kEmpty;
+    fillEmpty(SA + m, n - m);
 
     // Stage 3: sorted LMS suffixes at their bucket tails, last first, then induce.
     bucketTails(counts, K, b);
