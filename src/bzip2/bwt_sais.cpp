@@ -315,7 +315,8 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColu
     // buckets, then the larger of its names and last[] or its child's share, the
     // child at most half as long). Else they are found again.
     Ozr32s* kept = nullptr;
-    if (sizeof(C) == 1 || ws.words >= 5 * static_cast<size_t>(n) + 64) {
+    size_t half = static_cast<size_t>(n) / 2 + 1, lastWords = K > 256 ? static_cast<size_t>(K) : 0;
+    if (ws.words >= half + (half + lastWords > 4 * half ? half + lastWords : 4 * half) + 64) {
         kept = take(&ws, static_cast<size_t>(n) / 2 + 1);
         if (!kept) return false;
     }
@@ -359,13 +360,24 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColu
     if (distinct == m) {
         for (int k = 0; k < m; ++k) SA[distinct - names[lms[k] >> 1]] = lms[k];
     } else {
-        // The reduced string (names in text order) at the top of SA.
-        for (int k = 0; k < m; ++k) s1[k] = distinct - names[lms[k] >> 1];
         // The deeper levels take the larger of the workspace and the gap between
         // the reduced string and its suffix array.
         SaisWorkspace sub = rest;
         if (static_cast<size_t>(n - 2 * m) > rest.words) sub = SaisWorkspace{SA + m, static_cast<size_t>(n - 2 * m)};
-        if (!sais(s1, SA, m, distinct, sub, nullptr)) return false;
+        // The reduced string (names in text order) at the top of SA; in bytes or
+        // 16 bits when the names fit, which shrinks what its random reads cover.
+        if (distinct <= 256) {
+            Ozr8u* s8 = reinterpret_cast<Ozr8u*>(s1);
+            for (int k = 0; k < m; ++k) s8[k] = static_cast<Ozr8u>(distinct - names[lms[k] >> 1]);
+            if (!sais(s8, SA, m, distinct, sub, nullptr)) return false;
+        } else if (distinct <= 65536) {
+            Ozr16u* s16 = reinterpret_cast<Ozr16u*>(s1);
+            for (int k = 0; k < m; ++k) s16[k] = static_cast<Ozr16u>(distinct - names[lms[k] >> 1]);
+            if (!sais(s16, SA, m, distinct, sub, nullptr)) return false;
+        } else {
+            for (int k = 0; k < m; ++k) s1[k] = distinct - names[lms[k] >> 1];
+            if (!sais(s1, SA, m, distinct, sub, nullptr)) return false;
+        }
         // Ranks back to positions. The scan's spare write below s1 may fall into
         // SA[0, m) when m = n / 2: kept aside.
         if (!kept) {
