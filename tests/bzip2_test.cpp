@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "../src/bzip2/bzip2_internal.h"
+#include "../src/bzip2/bwt_internal.h"
 
 namespace {
 
@@ -871,6 +871,31 @@ TEST(BWTForward, LargeBlocksMatchLibdivsufsort) {
             int index = -1;
             ASSERT_EQ(forwardBWT(b, &index, mode), last) << "mode " << mode;
             ASSERT_EQ(inverseBWT(last, index), b);
+        }
+    }
+}
+
+// The suffix sorter keeps the LMS positions of a level only when its workspace
+// has room for them and any deeper level, finds them again otherwise, and names
+// in bytes, 16 or 32 bits by the count of names: every path must sort exactly.
+TEST(BWTForward, SuffixSorterIsExactWhateverItsWorkspaceAndNameWidth) {
+    std::vector<Bytes> blocks = sampleBlocks(3000);
+    blocks.push_back(randomBytes(400000, 9));  // over 65536 names that repeat: a 32-bit level
+    Bytes nearPeriodic = periodicBytes(30000, 1000, 10);  // byte-wide names one level down
+    nearPeriodic[15000] ^= 1;
+    blocks.push_back(nearPeriodic);
+    Bytes alternating(3000);  // an LMS position every second byte: the reduced string fills half of SA
+    for (size_t i = 0; i < alternating.size(); ++i) alternating[i] = i % 2 ? 'a' : 'b';
+    blocks.push_back(alternating);
+    for (const Bytes& b : blocks) {
+        const int n = static_cast<int>(b.size());
+        std::vector<int32_t> want(b.size());
+        ASSERT_EQ(divsufsort(b.data(), want.data(), n), 0);
+        for (size_t words : {3 * b.size(), 2 * b.size()}) {
+            std::vector<Ozr32s> sa(b.size(), -7), ws(words);
+            ASSERT_TRUE(m7_ownsSuffixArray_8u(b.data(), sa.data(), n, m7::SaisWorkspace{ws.data(), words}))
+                << n << " bytes, " << words << " words";
+            ASSERT_TRUE(std::equal(sa.begin(), sa.end(), want.begin())) << n << " bytes, " << words << " words";
         }
     }
 }

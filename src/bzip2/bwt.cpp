@@ -14,6 +14,8 @@
 //     and per 16 bytes compared) and gives up when the budget is spent;
 //   - the induced sort (bwt_sais.cpp): linear time on any data. It is what
 //     ozrsBWTFwd_8u runs, and what the bucket sort falls back to.
+#include <emmintrin.h>
+
 #include "bwt_internal.h"
 
 namespace {
@@ -61,6 +63,18 @@ inline m7::SaisWorkspace restWorkspace(const Layout& l) {
     return m7::SaisWorkspace{reinterpret_cast<Ozr32s*>(l.rest + skew), bytes > 0 ? static_cast<size_t>(bytes) / 4 : 0};
 }
 
+// First q in [p, limit) with d[q] <= x, or limit.
+int firstAtMost(const Ozr8u* d, int p, int limit, Ozr8u x) {
+    const __m128i vx = _mm_set1_epi8(static_cast<char>(x));
+    for (; p + 16 <= limit; p += 16) {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(d + p));
+        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_min_epu8(v, vx), v)));
+        if (mask) return p + static_cast<int>(m7::trailingZeros64(mask));
+    }
+    while (p < limit && d[p] > x) ++p;
+    return p;
+}
+
 // Least rotation of the block: two candidates are compared until one loses, and
 // the loser skips the bytes it matched (none of those can start a least rotation):
 // O(n). When the two candidates are equal rotations, the block is periodic and
@@ -68,15 +82,27 @@ inline m7::SaisWorkspace restWorkspace(const Layout& l) {
 int leastRotation(const Ozr8u* d, int n, int* period) {
     int i = 0, j = 1, k = 0;
     while (i < n && j < n && k < n) {
+        // Long matches (near-periodic blocks) are skipped eight bytes at a time.
+        for (; k + 8 <= n; k += 8) {
+            Ozr64u u, v;
+            __builtin_memcpy(&u, d + i + k, 8);
+            __builtin_memcpy(&v, d + j + k, 8);
+            if (u != v) break;
+        }
+        if (k >= n) break;
         Ozr8u a = d[i + k], b = d[j + k];
         if (a == b) {
             ++k;
             continue;
         }
+        // The loser keeps losing at the first byte while its byte is above the
+        // winner's: those steps are taken in one scan.
         if (a > b) {
             i += k + 1;
+            if (i != j) i = firstAtMost(d, i, i < j ? j : n, d[j]);
         } else {
             j += k + 1;
+            if (i != j) j = firstAtMost(d, j, j < i ? i : n, d[i]);
         }
         if (i == j) ++j;
         k = 0;
@@ -122,6 +148,7 @@ bool induced(const Layout& l, int n, Ozr8u* pDst, int* pIndex) {
     int q = n;
     int r = leastRotation(l.block, n, &q);
     const Ozr8u* t = l.block + r;
+    if (q == n) return m7_ownsLastColumn_8u(t, l.sa, n, restWorkspace(l), pDst, (n - r) % n, pIndex);
     if (!m7_ownsSuffixArray_8u(t, l.sa, q, restWorkspace(l))) return false;
     emit(t, l.sa, q, n / q, (n - r) % n, pDst, pIndex);
     return true;

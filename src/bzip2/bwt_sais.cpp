@@ -16,35 +16,60 @@
 // sorted recursively when names repeat; a second pass from the sorted LMS
 // suffixes gives the suffix array.
 //
-// The passes tell a type without a type table: in the left-to-right pass, the
-// entries met are L-type or LMS, and j - 1 is L-type exactly when T[j-1] >= T[j].
-// In the right-to-left pass, with equal bytes j - 1 has the type of j, and j is
-// S-type exactly when its slot lies in the part of its bucket that this pass has
-// filled so far (S-types sort after the L-types of a bucket).
+// No type table: the passes and scans tell types from neighbouring bytes. In the
+// left-to-right pass, the entries met are L-type or LMS, and j - 1 is L-type
+// exactly when T[j-1] >= T[j]. In the right-to-left pass, with equal bytes j - 1
+// has the type of j, and j is S-type exactly when its slot lies in the part of its
+// bucket that this pass has filled so far (S-types sort after the L-types of a
+// bucket).
+//
+// Naming rides on the first pair of passes. Every entry of that pair stands for
+// the substring from its position through the next LMS position (types
+// included), its class; entries of one class are adjacent, and bit 31 of an entry
+// marks where a class starts. An entry induced from a source has the class "its
+// byte, then the source's class", so it starts a class in its bucket exactly when
+// the previous entry induced into that bucket came from another source class
+// (last[] keeps the class counter of that source). The left-to-right pass fills
+// buckets rightwards and marks "differs from the left neighbour", the
+// right-to-left pass fills the S parts leftwards and marks "differs from the right
+// neighbour"; the right-to-left scan reads either kind. An LMS entry met in that
+// scan gets the running count of LMS classes as its name, so no substring is
+// compared byte by byte.
+#include <emmintrin.h>
+
 #include "bwt_internal.h"
 
 namespace {
 
 using m7::SaisWorkspace;
 
-inline bool typeS(const Ozr8u* bits, int i) { return (bits[i >> 3] >> (i & 7)) & 1; }
-inline bool isLMS(const Ozr8u* bits, int i) { return i > 0 && typeS(bits, i) && !typeS(bits, i - 1); }
-
-template <class C>
-void computeTypes(const C* T, int n, Ozr8u* bits) {
-    for (int i = 0; i < (n + 7) / 8; ++i) bits[i] = 0;
-    bool nextS = false;  // the last suffix is L-type
-    for (int i = n - 2; i >= 0; --i) {
-        bool s = T[i] < T[i + 1] || (T[i] == T[i + 1] && nextS);
-        if (s) bits[i >> 3] = static_cast<Ozr8u>(bits[i >> 3] | (1u << (i & 7)));
-        nextS = s;
-    }
-}
+constexpr Ozr32s kEmpty = -1;
+constexpr Ozr32s kStart = static_cast<Ozr32s>(0x80000000u);  // class-start mark
+constexpr Ozr32s kPos = 0x7FFFFFFF;
+// An L-part entry of the first pair of passes whose predecessor is L-type has
+// nothing left to induce; the left-to-right pass replaces it by kDone (keeping its
+// class mark), so the right-to-left pass passes it without reading T.
+constexpr Ozr32s kDone = 0x7FFFFFFE;
+constexpr int kAhead = 32;  // entries fetched ahead in the loops that follow SA into T
 
 template <class C>
 void countSymbols(const C* T, int n, int K, Ozr32s* counts) {
     for (int c = 0; c < K; ++c) counts[c] = 0;
-    for (int i = 0; i < n; ++i) ++counts[T[i]];
+    int i = 0;
+    if constexpr (sizeof(C) == 1) {
+        // Four tables, so that runs of one byte do not chain their increments.
+        Ozr32s more[3][256];
+        for (int t = 0; t < 3; ++t)
+            for (int c = 0; c < 256; ++c) more[t][c] = 0;
+        for (; i + 4 <= n; i += 4) {
+            ++counts[T[i]];
+            ++more[0][T[i + 1]];
+            ++more[1][T[i + 2]];
+            ++more[2][T[i + 3]];
+        }
+        for (int c = 0; c < 256; ++c) counts[c] += more[0][c] + more[1][c] + more[2][c];
+    }
+    for (; i < n; ++i) ++counts[T[i]];
 }
 
 inline void bucketHeads(const Ozr32s* counts, int K, Ozr32s* b) {
@@ -63,40 +88,197 @@ inline void bucketTails(const Ozr32s* counts, int K, Ozr32s* b) {
     }
 }
 
-// Left-to-right pass: every L-type suffix placed at the head of its bucket, in
-// order, from the entries already in SA (the virtual end marker first).
+// Bit-reversed bytes.
+struct ReversedBytes {
+    Ozr8u r[256];
+    constexpr ReversedBytes() : r() {
+        for (int x = 0; x < 256; ++x) {
+            int y = 0;
+            for (int k = 0; k < 8; ++k) y |= ((x >> k) & 1) << (7 - k);
+            r[x] = static_cast<Ozr8u>(y);
+        }
+    }
+};
+constexpr ReversedBytes kReversed;
+
+inline unsigned reverse16(unsigned x) { return static_cast<unsigned>(kReversed.r[x & 255]) << 8 | kReversed.r[x >> 8]; }
+
+// LMS positions of T[0, n) in text order into the m words before `end`; returns m.
+// The scalar steps are branch-free (about a third of the positions are LMS on
+// text, at random): each also writes end[-m-1], which must be writable.
 template <class C>
-void induceL(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr32s* b) {
+int lmsPositions(const C* T, int n, Ozr32s* end) {
+    Ozr32s* p = end;
+    int nextS = 0;  // the last suffix is L-type
+    int i = n - 2;
+    if constexpr (sizeof(C) == 1) {
+        // Sixteen positions x = base .. base + 15 at a time, from the end. With
+        // the bits reversed (bit r for x = base + 15 - r), "x is S-type" is the
+        // carry chain c_r = below_r | (equal_r & c_{r-1}) with c_{-1} the type of
+        // base + 16, which one addition resolves.
+        const __m128i flip = _mm_set1_epi8(static_cast<char>(0x80));
+        for (; i >= 15; i -= 16) {
+            int base = i - 15;
+            __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(T + base));
+            __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(T + base + 1));
+            unsigned below = static_cast<unsigned>(
+                _mm_movemask_epi8(_mm_cmpgt_epi8(_mm_xor_si128(b, flip), _mm_xor_si128(a, flip))));
+            unsigned equal = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, b)));
+            unsigned g = reverse16(below), x = g | reverse16(equal);
+            unsigned sRev = ((x + g + static_cast<unsigned>(nextS)) ^ x ^ g) >> 1;
+            // Bit r: type of base + 16 - r, r = 0..16; LMS where S follows L.
+            unsigned y = sRev << 1 | static_cast<unsigned>(nextS);
+            Ozr64u lms = y & ~(y >> 1) & 0xFFFF;
+            while (lms) {
+                unsigned r = m7::trailingZeros64(lms);
+                *--p = base + 16 - static_cast<int>(r);
+                lms &= lms - 1;
+            }
+            nextS = (y >> 16) & 1;
+        }
+    }
+    // i is S-type when T[i] - T[i+1] < (i + 1 is S-type): below, or equal and
+    // followed by an S-type.
+    Ozr64s next = T[i + 1];
+    for (; i >= 0; --i) {
+        Ozr64s c = T[i];
+        int s = c - next < nextS;
+        p[-1] = i + 1;
+        p -= nextS > s;
+        nextS = s;
+        next = c;
+    }
+    return static_cast<int>(end - p);
+}
+
+// Where the final right-to-left pass writes the last column, when the caller
+// wants that rather than the suffix array.
+struct LastColumn {
+    Ozr8u* dst;
+    Ozr32s origin;  // the position whose sorted slot is the primary index
+    int* index;
+};
+
+// First left-to-right pass: L-type entries after the seeds, with class marks.
+template <class C>
+void induceLNamed(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr32s* b, Ozr32s* last) {
+    bucketHeads(counts, K, b);
+    for (int c = 0; c < K; ++c) last[c] = -1;
+    SA[b[T[n - 1]]++] = (n - 1) | kStart;  // induced by the end marker: a class of its own
+    Ozr32s cls = 0;
+    for (int i = 0; i < n; ++i) {
+        if (i + kAhead < n) __builtin_prefetch(&T[(SA[i + kAhead] & kPos) - 1]);
+        Ozr32s e = SA[i];
+        if (e == kEmpty) continue;
+        cls += e < 0;
+        Ozr32s j = e & kPos;
+        if (j == 0) {
+            SA[i] = kDone | (e & kStart);
+            continue;
+        }
+        C c0 = T[j - 1];
+        if (c0 >= T[j]) {
+            SA[i] = kDone | (e & kStart);
+            Ozr32s mark = last[c0] != cls ? kStart : 0;
+            last[c0] = cls;
+            SA[b[c0]++] = (j - 1) | mark;
+        }
+    }
+}
+
+// First right-to-left pass: S-type entries, with class marks; names the LMS
+// entries into names[pos / 2], counting from 1 at the largest. Returns the number
+// of distinct names.
+template <class C>
+int induceSNamed(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr32s* b, Ozr32s* last,
+                 Ozr32s* names) {
+    bucketTails(counts, K, b);
+    for (int c = 0; c < K; ++c) last[c] = -1;
+    Ozr32s cls = 0, lastLMS = -1;
+    int count = 0;
+    bool carry = true;  // the entry to the right starts a new class relative to this one
+    for (int i = n - 1; i >= 0; --i) {
+        if (i >= kAhead) __builtin_prefetch(&T[(SA[i - kAhead] & kPos) - 1]);
+        Ozr32s e = SA[i];
+        Ozr32s j = e & kPos;
+        if (j >= kDone) {  // kDone: an L part's entry; kEmpty (not met in practice)
+            cls += carry;
+            carry = e == kEmpty || e < 0;
+            continue;
+        }
+        C c1 = T[j];
+        bool inS = i >= b[c1];
+        bool starts = inS ? e < 0 : carry;  // S part: marked towards the right; L part: the left
+        carry = inS || e < 0;
+        cls += starts;
+        if (j == 0) continue;
+        C c0 = T[j - 1];
+        if (c0 < c1 || (c0 == c1 && inS)) {
+            Ozr32s mark = last[c0] != cls ? kStart : 0;
+            last[c0] = cls;
+            SA[--b[c0]] = (j - 1) | mark;
+        } else if (inS) {  // S-type with an L-type predecessor: LMS
+            if (cls != lastLMS) {
+                ++count;
+                lastLMS = cls;
+            }
+            names[j >> 1] = count;
+        }
+    }
+    return count;
+}
+
+// Final left-to-right pass: every L-type suffix placed at the head of its bucket,
+// in order, from the entries already in SA (the virtual end marker first).
+// For the last column, an entry whose predecessor is L-type is done with after
+// this pass: it is replaced by its last-column byte with bit 31 set.
+template <class C, bool kLast>
+void induceL(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr32s* b, const LastColumn* out) {
     bucketHeads(counts, K, b);
     SA[b[T[n - 1]]++] = n - 1;
-    constexpr int kAhead = 32;
     for (int i = 0; i < n; ++i) {
         if (i + kAhead < n) __builtin_prefetch(&T[SA[i + kAhead] - 1]);
         Ozr32s j = SA[i];
         if (j <= 0) continue;
         C c0 = T[j - 1];
-        if (c0 >= T[j]) SA[b[c0]++] = j - 1;
+        if (c0 >= T[j]) {
+            SA[b[c0]++] = j - 1;
+            if constexpr (kLast) {
+                if (j != out->origin) SA[i] = kStart | static_cast<Ozr32s>(c0);
+            }
+        }
     }
 }
 
-// Right-to-left pass: every S-type suffix placed at the tail of its bucket.
-template <class C>
-void induceS(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr32s* b) {
+// Final right-to-left pass: every S-type suffix placed at the tail of its bucket.
+// Every slot is final when the scan reaches it, so the last column can be written
+// on the way.
+template <class C, bool kLast>
+void induceS(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr32s* b, const LastColumn* out) {
     bucketTails(counts, K, b);
-    constexpr int kAhead = 32;
     for (int i = n - 1; i >= 0; --i) {
-        if (i >= kAhead) __builtin_prefetch(&T[SA[i - kAhead] - 1]);
+        if (i >= kAhead) __builtin_prefetch(&T[(SA[i - kAhead] & kPos) - 1]);
         Ozr32s j = SA[i];
+        if constexpr (kLast) {
+            if (j < 0) {
+                out->dst[i] = static_cast<Ozr8u>(j);
+                continue;
+            }
+            out->dst[i] = static_cast<Ozr8u>(T[j > 0 ? j - 1 : n - 1]);
+            if (j == out->origin) *out->index = i;
+        }
         if (j <= 0) continue;
         C c0 = T[j - 1], c1 = T[j];
         if (c0 < c1 || (c0 == c1 && i >= b[c1])) SA[--b[c0]] = j - 1;
     }
 }
 
-// Carves `bytes` (rounded up to whole words) from the workspace; null when it
-// does not fit.
-inline Ozr32s* take(SaisWorkspace* ws, size_t bytes) {
-    size_t words = (bytes + 3) / 4;
+inline void fillEmpty(Ozr32s* SA, int n) {
+    m7_ownsSet_8u(0xFF, reinterpret_cast<Ozr8u*>(SA), 4 * static_cast<size_t>(n));  // kEmpty = -1
+}
+
+// Carves `words` 32-bit words from the workspace; null when they do not fit.
+inline Ozr32s* take(SaisWorkspace* ws, size_t words) {
     if (words > ws->words) return nullptr;
     Ozr32s* p = ws->base;
     ws->base += words;
@@ -104,118 +286,138 @@ inline Ozr32s* take(SaisWorkspace* ws, size_t bytes) {
     return p;
 }
 
-// Suffix array of T[0, n) over the alphabet [0, K) into SA[0, n). Returns false
-// when the workspace is too small for a recursion level's tables.
+// Suffix array of T[0, n) over the alphabet [0, K) into SA[0, n), or, with `out`,
+// its last column. Returns false when the workspace is too small for a level's
+// tables (above 256 symbols K words three times, n / 2 + 1 words for names, and at
+// the byte level as many again for the LMS positions).
 template <class C>
-bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws) {
+bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColumn* out) {
     if (n == 1) {
         SA[0] = 0;
+        if (out) {
+            out->dst[0] = static_cast<Ozr8u>(T[0]);
+            *out->index = 0;
+        }
         return true;
     }
-    Ozr32s localCounts[256], localB[256];
+    Ozr32s localCounts[256], localB[256], localLast[256];
     Ozr32s* counts = localCounts;
     Ozr32s* b = localB;
+    Ozr32s* last = localLast;
     if (K > 256) {
-        counts = take(&ws, 4 * static_cast<size_t>(K));
-        b = take(&ws, 4 * static_cast<size_t>(K));
+        counts = take(&ws, static_cast<size_t>(K));
+        b = take(&ws, static_cast<size_t>(K));
         if (!counts || !b) return false;
     }
-    Ozr8u* bits = reinterpret_cast<Ozr8u*>(take(&ws, static_cast<size_t>(n) / 8 + 1));
-    if (!bits) return false;
-    computeTypes(T, n, bits);
+    // The LMS positions in text order are kept through the recursion when the
+    // workspace has room for them and for any deeper levels: a level that keeps
+    // nothing needs at most 4n words with its descendants (2K for counts and
+    // buckets, then the larger of its names and last[] or its child's share, the
+    // child at most half as long). Else they are found again.
+    Ozr32s* kept = nullptr;
+    size_t half = static_cast<size_t>(n) / 2 + 1, lastWords = K > 256 ? static_cast<size_t>(K) : 0;
+    if (ws.words >= half + (half + lastWords > 4 * half ? half + lastWords : 4 * half) + 64) {
+        kept = take(&ws, static_cast<size_t>(n) / 2 + 1);
+        if (!kept) return false;
+    }
+    // Names by position / 2 (LMS positions are at least two apart), and last[]:
+    // free again once the reduced string is built, so the recursion reuses them.
+    SaisWorkspace rest = ws;
+    Ozr32s* names = take(&ws, static_cast<size_t>(n) / 2 + 1);
+    if (K > 256) last = take(&ws, static_cast<size_t>(K));
+    if (!names || !last) return false;
     countSymbols(T, n, K, counts);
 
-    // Stage 1: LMS seeds at their bucket tails, induce, and the LMS substrings
-    // come out sorted.
-    for (int i = 0; i < n; ++i) SA[i] = -1;
+    // Stage 1: LMS seeds at their bucket tails; the first of each bucket starts
+    // the bucket's one seed class. (Unless kept, the LMS positions pass through
+    // the names area, free until the naming pass.)
+    Ozr32s* lmsEnd = (kept ? kept : names) + n / 2 + 1;
+    int m = lmsPositions(T, n, lmsEnd);
+    fillEmpty(SA, n);
     bucketTails(counts, K, b);
-    for (int i = n - 1; i >= 1; --i)
-        if (isLMS(bits, i)) SA[--b[T[i]]] = i;
-    induceL(T, SA, n, K, counts, b);
-    induceS(T, SA, n, K, counts, b);
-
-    // Sorted LMS positions to the front.
-    // (The loops over SA below touch T, the type bits or SA at the positions SA
-    // holds: fetching those some steps ahead keeps several misses in flight.)
-    constexpr int kAhead = 16;
-    int m = 0;
-    for (int i = 0; i < n; ++i) {
-        if (i + kAhead < n) __builtin_prefetch(&bits[(SA[i + kAhead] >> 3) & 0x1FFFFFFF]);
-        if (isLMS(bits, SA[i])) SA[m++] = SA[i];
+    for (const Ozr32s* p = lmsEnd; p > lmsEnd - m;) {
+        // The stores scatter over SA: their lines are fetched some steps ahead.
+        if (p - kAhead > lmsEnd - m) __builtin_prefetch(&SA[b[T[p[-kAhead]]] - 1], 1);
+        Ozr32s i = *--p;
+        SA[--b[T[i]]] = i;
     }
-    for (int i = m; i < n; ++i) SA[i] = -1;
-
-    // Length of each LMS substring (through the next LMS position; the last one
-    // reaches the end marker and equals no other), kept at m + pos / 2: LMS
-    // positions are at least two apart, and m <= n / 2.
     {
-        int next = n;  // the end marker
-        for (int i = n - 1; i >= 1; --i) {
-            if (!isLMS(bits, i)) continue;
-            SA[m + (i >> 1)] = next == n ? -2 : next - i + 1;
-            next = i;
+        Ozr32s sum = 0;
+        for (int c = 0; c < K; ++c) {
+            sum += counts[c];
+            if (b[c] != sum) SA[b[c]] |= kStart;
         }
     }
-    // Names in sorted order: equal substrings (same length, same bytes) share one.
-    int names = 0;
-    {
-        int prev = -1, prevLen = 0;
-        for (int k = 0; k < m; ++k) {
-            if (k + kAhead < m) {
-                __builtin_prefetch(&SA[m + (SA[k + kAhead] >> 1)]);
-                __builtin_prefetch(&T[SA[k + kAhead]]);
-            }
-            int p = SA[k];
-            int len = SA[m + (p >> 1)];
-            bool same = prev >= 0 && len > 0 && len == prevLen;
-            for (int d = 0; same && d < len; ++d) same = T[p + d] == T[prev + d];
-            if (!same) ++names;
-            SA[m + (p >> 1)] = names - 1;
-            prev = p;
-            prevLen = len;
-        }
-    }
-    // The names in text order, packed at the top of SA: the reduced string.
-    for (int i = n - 1, j = n - 1; i >= m; --i)
-        if (SA[i] >= 0) SA[j--] = SA[i];
+    induceLNamed(T, SA, n, K, counts, b, last);
+    int distinct = m > 0 ? induceSNamed(T, SA, n, K, counts, b, last, names) : 0;
+
+    // Stage 2: order of the LMS suffixes into SA[0, m). Names count down from the
+    // largest class; flipped here so that they rise with the order. Unless kept,
+    // the LMS positions go to the top of SA, SA[n - m, n) (m <= n / 2).
     Ozr32s* s1 = SA + n - m;
-    Ozr32s* sa1 = SA;
-
-    // Stage 2: order of the LMS suffixes.
-    if (names < m) {
-        // The gap between the reduced string and its suffix array is free too;
-        // the deeper levels take the larger of the two areas.
-        SaisWorkspace sub = ws;
-        if (static_cast<size_t>(n - 2 * m) > ws.words) sub = SaisWorkspace{SA + m, static_cast<size_t>(n - 2 * m)};
-        if (!sais(s1, sa1, m, names, sub)) return false;
+    const Ozr32s* lms = kept ? lmsEnd - m : s1;
+    if (!kept) lmsPositions(T, n, SA + n);
+    if (distinct == m) {
+        for (int k = 0; k < m; ++k) SA[distinct - names[lms[k] >> 1]] = lms[k];
     } else {
-        for (int i = 0; i < m; ++i) sa1[s1[i]] = i;
+        // The deeper levels take the larger of the workspace and the gap between
+        // the reduced string and its suffix array.
+        SaisWorkspace sub = rest;
+        if (static_cast<size_t>(n - 2 * m) > rest.words) sub = SaisWorkspace{SA + m, static_cast<size_t>(n - 2 * m)};
+        // The reduced string (names in text order) at the top of SA; in bytes or
+        // 16 bits when the names fit, which shrinks what its random reads cover.
+        if (distinct <= 256) {
+            Ozr8u* s8 = reinterpret_cast<Ozr8u*>(s1);
+            for (int k = 0; k < m; ++k) s8[k] = static_cast<Ozr8u>(distinct - names[lms[k] >> 1]);
+            if (!sais(s8, SA, m, distinct, sub, nullptr)) return false;
+        } else if (distinct <= 65536) {
+            Ozr16u* s16 = reinterpret_cast<Ozr16u*>(s1);
+            for (int k = 0; k < m; ++k) s16[k] = static_cast<Ozr16u>(distinct - names[lms[k] >> 1]);
+            if (!sais(s16, SA, m, distinct, sub, nullptr)) return false;
+        } else {
+            for (int k = 0; k < m; ++k) s1[k] = distinct - names[lms[k] >> 1];
+            if (!sais(s1, SA, m, distinct, sub, nullptr)) return false;
+        }
+        // Ranks back to positions. The scan's spare write below s1 may fall into
+        // SA[0, m) when m = n / 2: kept aside.
+        if (!kept) {
+            Ozr32s below = SA[n - m - 1];
+            lmsPositions(T, n, SA + n);
+            SA[n - m - 1] = below;
+        }
+        for (int r = 0; r < m; ++r) {
+            if (r + kAhead < m) __builtin_prefetch(&lms[SA[r + kAhead]]);
+            SA[r] = lms[SA[r]];
+        }
     }
-    // Map the ranks back to positions: the LMS positions in text order replace
-    // the reduced string.
-    for (int i = n - 1, j = m - 1; i >= 1; --i)
-        if (isLMS(bits, i)) s1[j--] = i;
-    for (int k = 0; k < m; ++k) {
-        if (k + kAhead < m) __builtin_prefetch(&s1[sa1[k + kAhead]]);
-        sa1[k] = s1[sa1[k]];
-    }
-    for (int i = m; i < n; ++i) SA[i] = -1;
+    fillEmpty(SA + m, n - m);
 
     // Stage 3: sorted LMS suffixes at their bucket tails, last first, then induce.
     bucketTails(counts, K, b);
-    for (int k = m - 1; k >= 0; --k) {
-        if (k >= kAhead) __builtin_prefetch(&T[SA[k - kAhead]]);
-        int j = SA[k];
-        SA[k] = -1;
+    for (int r = m - 1; r >= 0; --r) {
+        if (r >= kAhead) __builtin_prefetch(&T[SA[r - kAhead]]);
+        Ozr32s j = SA[r];
+        SA[r] = kEmpty;
         SA[--b[T[j]]] = j;
     }
-    induceL(T, SA, n, K, counts, b);
-    induceS(T, SA, n, K, counts, b);
+    if (out) {
+        induceL<C, true>(T, SA, n, K, counts, b, out);
+        induceS<C, true>(T, SA, n, K, counts, b, out);
+    } else {
+        induceL<C, false>(T, SA, n, K, counts, b, nullptr);
+        induceS<C, false>(T, SA, n, K, counts, b, nullptr);
+    }
     return true;
 }
 
 }  // namespace
 
 extern "C" bool m7_ownsSuffixArray_8u(const Ozr8u* T, Ozr32s* SA, int n, SaisWorkspace ws) {
-    return sais(T, SA, n, 256, ws);
+    return sais(T, SA, n, 256, ws, nullptr);
+}
+
+extern "C" bool m7_ownsLastColumn_8u(const Ozr8u* T, Ozr32s* SA, int n, SaisWorkspace ws, Ozr8u* pDst, int origin,
+                                     int* pIndex) {
+    LastColumn out{pDst, origin, pIndex};
+    return sais(T, SA, n, 256, ws, &out);
 }
