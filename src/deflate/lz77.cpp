@@ -151,6 +151,9 @@ void runGreedy(Matcher& m, long& p, long e, Ozr32u freeEntries, Params prm, bool
             const int best = tail ? m.search<false>(p, cand, 3, prm.maxChain, prm.maxChain, prm.good, prm.nice, maxLen, &pos)
                                   : m.search<true>(p, cand, 3, prm.maxChain, prm.maxChain, prm.good, prm.nice, maxLen, &pos);
             if (best >= kMinMatch) {
+                // The next search starts after the match: ask for its head entry now,
+                // the inner insertions and the match's entry hide the wait.
+                if (p + best < end) m.prefetchHead(p + best);
                 m.match(best, p - pos);
                 if (best <= prm.maxLazy) m.insertRange(p + 1, p + best);
                 p += best;
@@ -269,8 +272,13 @@ OzrResult lz77(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx, const Ozr8
         idx = winSize;
     }
 
-    Matcher m{{*ppSrc, pWindow, static_cast<long>(idx), static_cast<long>(winSize)}, winSize - 1, pHashHead, pHashPrev,
-              hashSize - 1, pLitFreq, pDistFreq, pLitDst, pDistDst, 0};
+    // A window that ends where the source starts (a caller keeping its history in front
+    // of the unread bytes) is one address range with it: the matchers then see every
+    // candidate as source bytes and give window candidates the quick test too.
+    const bool joined = pWindow + winSize == *ppSrc;
+    const History hist = joined ? History{pWindow, pWindow, static_cast<long>(idx) - winSize, static_cast<long>(winSize)}
+                                : History{*ppSrc, pWindow, static_cast<long>(idx), static_cast<long>(winSize)};
+    Matcher m{hist, winSize - 1, pHashHead, pHashPrev, hashSize - 1, pLitFreq, pDistFreq, pLitDst, pDistDst, 0};
     const Ozr32u freeEntries = *pDstLen;
     long p = idx;
     const long e = static_cast<long>(idx) + count;
