@@ -58,6 +58,7 @@ struct LzRun {
     Ozr32u startIdx = 0;
     Ozr32u freeEntries = 1u << 20;
     Bytes dict;  // exactly winSize bytes (or empty)
+    bool joined = false;  // the window is the winSize bytes right in front of the source, not a copy
 };
 
 // Feeds data in pieces ending at `cuts` (the last cut is data.size(), flushed); each
@@ -67,7 +68,8 @@ Seq runLz77(const LzRun& cfg, const Bytes& data, std::vector<size_t> cuts = {}) 
     Seq s;
     std::vector<Ozr32s> head(cfg.hashSize, -32768), prev(cfg.winSize, -32768);
     Bytes window(cfg.winSize, 0);
-    Bytes all = cfg.dict;
+    Bytes all(cfg.winSize, 0);  // the data behind winSize zero bytes: a joined window can point into it
+    all.insert(all.end(), cfg.dict.begin(), cfg.dict.end());
     all.insert(all.end(), data.begin(), data.end());
     Ozr32u idx = cfg.startIdx;
     if (!cfg.dict.empty()) {
@@ -75,25 +77,23 @@ Seq runLz77(const LzRun& cfg, const Bytes& data, std::vector<size_t> cuts = {}) 
                                               cfg.hashSize, prev.data(), window.data(), cfg.winSize, cfg.level), ozrOk);
         idx = cfg.winSize;
     }
-    size_t off = cfg.dict.size();  // offset in `all` of the next unread byte
+    size_t off = cfg.winSize + cfg.dict.size();  // offset in `all` of the next unread byte
     std::vector<uint8_t> lit(cfg.freeEntries + 1);
     std::vector<uint16_t> dist(cfg.freeEntries + 1);
     for (size_t k = 0; k < cuts.size(); ++k) {
-        const size_t end = cfg.dict.size() + cuts[k];
+        const size_t end = cfg.winSize + cfg.dict.size() + cuts[k];
         const int flush = k + 1 == cuts.size() ? 2 : 0;
         for (;;) {
-            for (size_t i = 0; i < cfg.winSize; ++i) {
-                const ptrdiff_t q = static_cast<ptrdiff_t>(off) - cfg.winSize + i;
-                window[i] = q >= 0 ? all[q] : 0;
-            }
+            std::copy(all.begin() + static_cast<ptrdiff_t>(off - cfg.winSize), all.begin() + static_cast<ptrdiff_t>(off), window.begin());
+            const Ozr8u* win = cfg.joined ? all.data() + off - cfg.winSize : window.data();
             const Ozr8u* src = all.data() + off;
             Ozr32u len = static_cast<Ozr32u>(end - off), room = cfg.freeEntries;
             OzrResult st;
             if (cfg.params)
-                st = cfg.matcher(&src, &len, &idx, window.data(), cfg.winSize, head.data(), prev.data(), cfg.hashSize,
+                st = cfg.matcher(&src, &len, &idx, win, cfg.winSize, head.data(), prev.data(), cfg.hashSize,
                                  s.litFreq.data(), s.distFreq.data(), lit.data(), dist.data(), &room, cfg.params, flush);
             else
-                st = ozrsDeflateLZ77_8u(&src, &len, &idx, window.data(), cfg.winSize, head.data(), prev.data(),
+                st = ozrsDeflateLZ77_8u(&src, &len, &idx, win, cfg.winSize, head.data(), prev.data(),
                                         cfg.hashSize, s.litFreq.data(), s.distFreq.data(), lit.data(), dist.data(), &room,
                                         cfg.level, flush);
             EXPECT_EQ(st, ozrOk);
@@ -247,6 +247,33 @@ TEST(DeflatePieces, InputFedInPiecesGivesTheSequenceOfOneCall) {
         ASSERT_EQ(pieces.dist, one.dist);
         expectCountsMatch(pieces);
     }
+}
+
+TEST(DeflatePieces, AWindowJoinedToTheSourceGivesTheSequenceOfACopiedOne) {
+    // A window that ends where the source starts is read as one range with it (the
+    // tool's layout); the sequence must be that of a separate copy of the same bytes.
+    std::mt19937 r(11);
+    const Bytes& d = samples()[0].data;
+    for (int level : {1, 2, 4, 5, 6, 8, 9, 11, 14, 16, 19, 21, 26, 29})
+        for (Ozr32u winSize : {32768u, 1024u}) {
+            SCOPED_TRACE("level " + std::to_string(level) + " window " + std::to_string(winSize));
+            std::vector<size_t> cuts;
+            for (size_t at = 0; at < d.size();) {
+                at += r() % 2 ? r() % 400 : r() % 30000;
+                if (at < d.size()) cuts.push_back(at);
+            }
+            LzRun copied;
+            copied.level = level;
+            copied.winSize = winSize;
+            copied.freeEntries = 5000;
+            LzRun joined = copied;
+            joined.joined = true;
+            const Seq a = runLz77(copied, d, cuts), b = runLz77(joined, d, cuts);
+            ASSERT_EQ(b.lit, a.lit);
+            ASSERT_EQ(b.dist, a.dist);
+            ASSERT_EQ(b.consumedPerCall, a.consumedPerCall);
+            expectCountsMatch(b);
+        }
 }
 
 TEST(DeflatePieces, SmallEntryBuffersStopEarlyAndStillReplay) {

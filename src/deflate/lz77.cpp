@@ -6,6 +6,8 @@
 // (start = the source index on entry), else window[q - start + winSize]; a candidate
 // is usable while p - winSize < q < p. The head table holds the latest position per
 // hash, the previous table (indexed by position mod winSize) the chain link.
+#include <emmintrin.h>
+
 #include "deflate_common.h"
 
 namespace m7::deflate {
@@ -22,6 +24,24 @@ constexpr Ozr32u kLevels[30][4] = {
     {32, 8, 32, 16},    {128, 8, 256, 16},  {144, 8, 256, 16},  {192, 32, 258, 128}, {512, 32, 258, 258},
 };
 
+// Common length of a and b, at most n, 16 bytes per step (one compare settles nearly
+// every match of the low levels); reads nothing beyond n.
+__attribute__((always_inline)) inline int commonLength16(const Ozr8u* a, const Ozr8u* b, int n) {
+    int i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + i));
+        const __m128i y = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + i));
+        const Ozr32u diff = static_cast<Ozr32u>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, y))) ^ 0xFFFFu;
+        if (diff) return i + static_cast<int>(m7::trailingZeros64(diff));
+    }
+    return i + commonLength(a + i, b + i, n - i);
+}
+
+// The randVec hash from four byte loads (no shifts to take the word apart).
+__attribute__((always_inline)) inline Ozr32u hashBytes(const Ozr8u* p) {
+    return randVec.v[p[0]] ^ randVec.v[256 + p[1]] ^ randVec.v[512 + p[2]] ^ randVec.v[768 + p[3]];
+}
+
 constexpr Ozr32u kMaxPerCall = 1u << 30;  // keeps positions below 2^31 after rebasing
 
 struct Matcher : History {
@@ -36,6 +56,7 @@ struct Matcher : History {
     Ozr32u written;
     Ozr32u nextHash = 0;  // hash of position nextPos, computed ahead
     long nextPos = -1;
+    bool joined = false;  // the window lies right in front of the source: src == win
 
     // Starts loading the head entry of position p (its 4 bytes lie in the source): the
     // matchers ask for the next position's while they work on this one.
@@ -131,6 +152,104 @@ struct Params {
     int good, nice, maxLazy;
 };
 
+// The greedy main phase (p + 261 <= e: every match may be 258 long), the hot loop of
+// the low levels, with the walk's and the writer's state in locals. Joined: the window
+// lies right in front of the source, so every candidate is addressed from one base.
+// The hash of the next position is computed while the current one is searched (a
+// literal moves there) and that of the position after a match before the match's
+// inner insertions, so that their head entries are on the way when needed.
+template <bool Joined>
+void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Params prm) {
+    const Ozr8u* const base = m.src - m.start;  // base + q is position q (q >= start, or any with Joined)
+    const long first = m.start, wsize = m.wsize;
+    Ozr32s* const head = m.head;
+    Ozr32s* const prev = m.prev;
+    const Ozr32u hmask = m.hmask, wmask = m.wmask;
+    Ozr8u* const litDst = m.litDst;
+    Ozr16u* const distDst = m.distDst;
+    OzrDeflateFreqTable* const litFreq = m.litFreq;
+    OzrDeflateFreqTable* const distFreq = m.distFreq;
+    const Ozr32u maxChain = prm.maxChain;
+    const int good = prm.good, nice = prm.nice, maxLazy = prm.maxLazy;
+    Ozr32u written = m.written;
+    long p = pRef;
+    const auto hashAt = [&](long q) { return hashBytes(base + q) & hmask; };
+    Ozr32u h = p < end ? hashAt(p) : 0;
+    while (p < end && written < freeEntries) {
+        long cand = head[h];
+        prev[p & wmask] = static_cast<Ozr32s>(cand);
+        head[h] = static_cast<Ozr32s>(p);
+        const Ozr32u h1 = hashAt(p + 1);
+        __builtin_prefetch(head + h1, 1);
+
+        const Ozr8u* const pp = base + p;
+        const long low = p - wsize;
+        int best = 3;
+        long matchPos = 0;
+        Ozr32u tail = load32(pp);  // the 4 bytes a longer match must repeat
+        Ozr32u limit = maxChain;
+        bool cut = false;
+        for (Ozr32u steps = 1; cand > low && cand < p; ++steps) {
+            const long next = prev[cand & wmask];
+            if ((!Joined && cand < first) || load32(base + cand + best - 3) == tail) {
+                const int len = Joined ? commonLength16(pp, base + cand, kMaxMatch) : m.length(p, cand, kMaxMatch);
+                if (len > best) {
+                    best = len;
+                    matchPos = cand;
+                    if (best >= nice) break;
+                    tail = load32(pp + best - 3);
+                    if (best >= good && !cut) {
+                        cut = true;
+                        limit = maxChain / 4;
+                    }
+                }
+            }
+            if (steps >= limit) break;
+            cand = next;
+        }
+
+        if (best >= kMinMatch) {
+            const long q = p + best;
+            if (q < end) {
+                h = hashAt(q);
+                __builtin_prefetch(head + h, 1);
+            }
+            const long dist = p - matchPos;
+            litDst[written] = static_cast<Ozr8u>(best - 3);
+            distDst[written] = static_cast<Ozr16u>(dist);
+            ++written;
+            ++litFreq[257 + lenCode(best - 3)].freq;
+            {
+                // Near and far distances alternate: pick the table slot without a branch.
+                const Ozr32u d1 = static_cast<Ozr32u>(dist - 1);
+                const Ozr32u slot = d1 < 256 ? 256 + d1 : 512 + (d1 >> 7);
+                ++distFreq[kCodes.litCode[slot]].freq;
+            }
+            if (best <= maxLazy) {
+                prev[(p + 1) & wmask] = head[h1];
+                head[h1] = static_cast<Ozr32s>(p + 1);
+                for (long r = p + 2; r < q; ++r) {
+                    const Ozr32u hr = hashAt(r);
+                    prev[r & wmask] = head[hr];
+                    head[hr] = static_cast<Ozr32s>(r);
+                }
+            }
+            p = q;
+        } else {
+            const Ozr8u b = *pp;
+            litDst[written] = b;
+            distDst[written] = 0;
+            ++written;
+            ++litFreq[b].freq;
+            p += 1;
+            h = h1;
+        }
+    }
+    m.written = written;
+    m.nextPos = -1;
+    pRef = p;
+}
+
 // The greedy pass. Main phase: every match may be 258 long; tail (flush >= 2): matches
 // stop 3 bytes before the end, no goodLength cut; then literals.
 void runGreedy(Matcher& m, long& p, long e, Ozr32u freeEntries, Params prm, bool flushAll) {
@@ -139,7 +258,9 @@ void runGreedy(Matcher& m, long& p, long e, Ozr32u freeEntries, Params prm, bool
         mainEnd += 1;
         if (prm.maxLazy > 257) prm.maxLazy = 257;
     }
-    for (int phase = 0; phase < 2; ++phase) {
+    if (m.joined) greedyMain<true>(m, p, mainEnd, freeEntries, prm);
+    else greedyMain<false>(m, p, mainEnd, freeEntries, prm);
+    for (int phase = 1; phase < 2; ++phase) {
         const bool tail = phase == 1;
         if (tail && !flushAll) return;
         const long end = tail ? e - 3 : mainEnd;
@@ -279,6 +400,7 @@ OzrResult lz77(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx, const Ozr8
     const History hist = joined ? History{pWindow, pWindow, static_cast<long>(idx) - winSize, static_cast<long>(winSize)}
                                 : History{*ppSrc, pWindow, static_cast<long>(idx), static_cast<long>(winSize)};
     Matcher m{hist, winSize - 1, pHashHead, pHashPrev, hashSize - 1, pLitFreq, pDistFreq, pLitDst, pDistDst, 0};
+    m.joined = joined;
     const Ozr32u freeEntries = *pDstLen;
     long p = idx;
     const long e = static_cast<long>(idx) + count;
