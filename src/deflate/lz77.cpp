@@ -76,17 +76,24 @@ struct Matcher : History {
         return old;
     }
     void insertRange(long from, long to) {  // positions from .. to - 1
-        for (long q = from; q < to; ++q) insert(q);
+        if (from >= to) return;
+        insert(from);  // its hash may be the one computed ahead
+        for (long q = from + 1; q < to; ++q) {
+            const Ozr32u h = hashBytes(at(q)) & hmask;
+            prev[q & wmask] = head[h];
+            head[h] = static_cast<Ozr32s>(q);
+        }
     }
     // Takes position p back out of the chains; positions must be removed newest first.
     void remove(long p) { head[hash4(at(p)) & hmask] = prev[p & wmask]; }
 
     // Walks the chain from cand; best is the length to beat (only a strictly longer
     // match replaces it, so ties keep the nearer candidate). Greedy: a match reaching
-    // goodLength cuts the remaining chain to a quarter, once.
-    template <bool CutOnGood>
-    int search(long p, long cand, int best, Ozr32u limit, Ozr32u maxChain, int good, int nice, int maxLen,
-               long* matchPos) const {
+    // goodLength cuts the remaining chain to a quarter, once. Joined: the window lies
+    // right in front of the source, every candidate is addressed from one base.
+    template <bool CutOnGood, bool Joined>
+    __attribute__((always_inline)) int search(long p, long cand, int best, Ozr32u limit, Ozr32u maxChain, int good,
+                                              int nice, int maxLen, long* matchPos) const {
         // Locals for the chain walk, whose cost is the latency of each link: keep the
         // loop's state in registers.
         const long low = p - wsize, first = start;
@@ -98,8 +105,8 @@ struct Matcher : History {
         bool cut = false;
         for (Ozr32u steps = 1; cand > low && cand < p; ++steps) {
             const long next = links[cand & mask];
-            if (cand < first || load32(base + cand + best - 3) == tail) {
-                const int len = length(p, cand, maxLen);
+            if ((!Joined && cand < first) || load32(base + cand + best - 3) == tail) {
+                const int len = Joined ? commonLength16(pp, base + cand, maxLen) : length(p, cand, maxLen);
                 if (len > best) {
                     best = len;
                     *matchPos = cand;
@@ -161,7 +168,6 @@ struct Params {
 template <bool Joined>
 void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Params prm) {
     const Ozr8u* const base = m.src - m.start;  // base + q is position q (q >= start, or any with Joined)
-    const long first = m.start, wsize = m.wsize;
     Ozr32s* const head = m.head;
     Ozr32s* const prev = m.prev;
     const Ozr32u hmask = m.hmask, wmask = m.wmask;
@@ -183,30 +189,8 @@ void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Para
         __builtin_prefetch(head + h1, 1);
 
         const Ozr8u* const pp = base + p;
-        const long low = p - wsize;
-        int best = 3;
         long matchPos = 0;
-        Ozr32u tail = load32(pp);  // the 4 bytes a longer match must repeat
-        Ozr32u limit = maxChain;
-        bool cut = false;
-        for (Ozr32u steps = 1; cand > low && cand < p; ++steps) {
-            const long next = prev[cand & wmask];
-            if ((!Joined && cand < first) || load32(base + cand + best - 3) == tail) {
-                const int len = Joined ? commonLength16(pp, base + cand, kMaxMatch) : m.length(p, cand, kMaxMatch);
-                if (len > best) {
-                    best = len;
-                    matchPos = cand;
-                    if (best >= nice) break;
-                    tail = load32(pp + best - 3);
-                    if (best >= good && !cut) {
-                        cut = true;
-                        limit = maxChain / 4;
-                    }
-                }
-            }
-            if (steps >= limit) break;
-            cand = next;
-        }
+        const int best = m.search<true, Joined>(p, cand, 3, maxChain, maxChain, good, nice, kMaxMatch, &matchPos);
 
         if (best >= kMinMatch) {
             const long q = p + best;
@@ -269,8 +253,8 @@ void runGreedy(Matcher& m, long& p, long e, Ozr32u freeEntries, Params prm, bool
             if (p + 1 < end) m.prefetchHead(p + 1);
             const int maxLen = tail ? (e - 3 - p < kMaxMatch ? static_cast<int>(e - 3 - p) : kMaxMatch) : kMaxMatch;
             long pos = 0;
-            const int best = tail ? m.search<false>(p, cand, 3, prm.maxChain, prm.maxChain, prm.good, prm.nice, maxLen, &pos)
-                                  : m.search<true>(p, cand, 3, prm.maxChain, prm.maxChain, prm.good, prm.nice, maxLen, &pos);
+            const int best = tail ? m.search<false, false>(p, cand, 3, prm.maxChain, prm.maxChain, prm.good, prm.nice, maxLen, &pos)
+                                  : m.search<true, false>(p, cand, 3, prm.maxChain, prm.maxChain, prm.good, prm.nice, maxLen, &pos);
             if (best >= kMinMatch) {
                 // The next search starts after the match: ask for its head entry now,
                 // the inner insertions and the match's entry hide the wait.
@@ -292,6 +276,7 @@ void runGreedy(Matcher& m, long& p, long e, Ozr32u freeEntries, Params prm, bool
 
 // The lazy pass. The item of the previous position is pending as (P, D, B): P = 0
 // nothing, 3 the byte B as a literal, >= 4 a match of length P at distance D.
+template <bool Joined>
 void runLazy(Matcher& m, long& p, long e, Ozr32u freeEntries, const Params prm, bool flushAll) {
     if (freeEntries < 2) return;
     const Ozr32u room = freeEntries - 1;  // one entry stays for the pending item
@@ -324,7 +309,7 @@ void runLazy(Matcher& m, long& p, long e, Ozr32u freeEntries, const Params prm, 
             if (P < prm.maxLazy) {
                 const int maxLen = tail ? (e - 3 - p < kMaxMatch ? static_cast<int>(e - 3 - p) : kMaxMatch) : kMaxMatch;
                 const Ozr32u limit = P < prm.good ? prm.maxChain : prm.maxChain / 4;
-                best = m.search<false>(p, cand, P > 3 ? P : 3, limit, prm.maxChain, prm.good, prm.nice, maxLen, &pos);
+                best = m.search<false, Joined>(p, cand, P > 3 ? P : 3, limit, prm.maxChain, prm.good, prm.nice, maxLen, &pos);
             }
             if (P > 1) {
                 if (P < best || P < kMinMatch) {
@@ -412,7 +397,10 @@ OzrResult lz77(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx, const Ozr8
     } else {
         const auto clampParam = [](Ozr32u v) { return v > 65536 ? 65536 : static_cast<int>(v); };
         const Params prm{maxChain, clampParam(pParams[1]), clampParam(pParams[2]), clampParam(pParams[3])};
-        if constexpr (Lazy) runLazy(m, p, e, freeEntries, prm, flushAll);
+        if constexpr (Lazy) {
+            if (m.joined) runLazy<true>(m, p, e, freeEntries, prm, flushAll);
+            else runLazy<false>(m, p, e, freeEntries, prm, flushAll);
+        }
         else runGreedy(m, p, e, freeEntries, prm, flushAll);
     }
     const Ozr32u consumed = static_cast<Ozr32u>(p - static_cast<long>(idx));
