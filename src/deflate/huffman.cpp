@@ -52,25 +52,29 @@ struct DistField {
     Ozr32u base;
 };
 
-// Writes entries 0 .. count - 1 with one(i): a blind 8-byte store after each while
-// two entries remain beyond it, byte stores for the last two.
+// Writes entries 0 .. count - 1 with one(i, writer): a blind 8-byte store after each
+// while two entries remain beyond it, byte stores for the last two. The writer is a
+// local copy: the output stores could alias a writer in memory, which would then be
+// stored and reloaded around each of them.
 template <class One>
-__attribute__((always_inline)) inline void writeEntries(Ozr32u count, BitWriter& w, One one) {
+__attribute__((always_inline)) inline void writeEntries(Ozr32u count, BitWriter& writer, One one) {
+    BitWriter w = writer;
     Ozr32u i = 0;
     for (; i + 2 < count; ++i) {
-        one(i);
+        one(i, w);
         w.flushBlind();
     }
     for (; i < count; ++i) {
-        one(i);
+        one(i, w);
         w.flushBytes();
     }
+    writer = w;
 }
 
 // Narrow path: the tables as they come, one branch per entry.
 void encodeNarrow(const Ozr8u* lit, const Ozr16u* dist, Ozr32u count, const OzrDeflateHuffCode* lc,
-                  const OzrDeflateHuffCode* dc, BitWriter& w) {
-    const auto one = [&](Ozr32u i) {
+                  const OzrDeflateHuffCode* dc, BitWriter& writer) {
+    const auto one = [&](Ozr32u i, BitWriter& w) {
         const Ozr32u d = dist[i];
         const Ozr32u v = lit[i];
         if (d == 0) {
@@ -85,7 +89,7 @@ void encodeNarrow(const Ozr8u* lit, const Ozr16u* dist, Ozr32u count, const OzrD
         w.put(dc[k].code | (static_cast<Ozr32u>(e - kCodes.distBase[k]) << dc[k].len),
               dc[k].len + kCodes.distExtra[k]);
     };
-    writeEntries(count, w, one);
+    writeEntries(count, writer, one);
 }
 
 // Wide path: per entry one literal-or-length field (literal v at [v], length byte v
@@ -94,7 +98,7 @@ void encodeNarrow(const Ozr8u* lit, const Ozr16u* dist, Ozr32u count, const OzrD
 // by index arithmetic instead of a branch: literals and matches alternate too
 // irregularly for a branch to be predicted.
 void encodeWide(const Ozr8u* lit, const Ozr16u* dist, Ozr32u count, const OzrDeflateHuffCode* lc,
-                const OzrDeflateHuffCode* dc, BitWriter& w) {
+                const OzrDeflateHuffCode* dc, BitWriter& writer) {
     Field ll[512];
     DistField df[512];
     for (int v = 0; v < 256; ++v) {
@@ -111,7 +115,7 @@ void encodeWide(const Ozr8u* lit, const Ozr16u* dist, Ozr32u count, const OzrDef
     for (int d = 1; d <= 256; ++d) df[d] = distField(distCode(d - 1));
     df[257] = df[0];  // not reached: (d - 1) / 128 >= 2 above 256
     for (int b = 2; b < 256; ++b) df[256 + b] = distField(distCode(b << 7));
-    const auto one = [&](Ozr32u i) {
+    const auto one = [&](Ozr32u i, BitWriter& w) {
         const Ozr32u d = dist[i];
         const Ozr32u v = lit[i];
         const Field& f = ll[v + (d != 0 ? 256u : 0u)];
@@ -119,7 +123,7 @@ void encodeWide(const Ozr8u* lit, const Ozr16u* dist, Ozr32u count, const OzrDef
         const DistField& g = df[d <= 256 ? d : 256 + ((d - 1) >> 7)];
         w.put(g.code | ((d - 1 - g.base) << g.len), g.total);
     };
-    writeEntries(count, w, one);
+    writeEntries(count, writer, one);
 }
 
 }  // namespace
