@@ -180,13 +180,25 @@ void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Para
     Ozr32u written = m.written;
     long p = pRef;
     const auto hashAt = [&](long q) { return hashBytes(base + q) & hmask; };
-    Ozr32u h = p < end ? hashAt(p) : 0;
+    // Hashes of p .. p + 2, their head entries requested: three positions ahead, so
+    // that a match's first inner insertions and the positions after a literal find
+    // their entries on the way.
+    Ozr32u h = 0, h1 = 0, h2 = 0;
+    const auto ahead = [&](long q) {
+        h = hashAt(q);
+        h1 = hashAt(q + 1);
+        h2 = hashAt(q + 2);
+        __builtin_prefetch(head + h, 1);
+        __builtin_prefetch(head + h1, 1);
+        __builtin_prefetch(head + h2, 1);
+    };
+    if (p < end) ahead(p);
     while (p < end && written < freeEntries) {
         long cand = head[h];
         prev[p & wmask] = static_cast<Ozr32s>(cand);
         head[h] = static_cast<Ozr32s>(p);
-        const Ozr32u h1 = hashAt(p + 1);
-        __builtin_prefetch(head + h1, 1);
+        const Ozr32u h3 = hashAt(p + 3);
+        __builtin_prefetch(head + h3, 1);
 
         const Ozr8u* const pp = base + p;
         long matchPos = 0;
@@ -194,10 +206,8 @@ void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Para
 
         if (best >= kMinMatch) {
             const long q = p + best;
-            if (q < end) {
-                h = hashAt(q);
-                __builtin_prefetch(head + h, 1);
-            }
+            const Ozr32u i1 = h1, i2 = h2;
+            if (q < end) ahead(q);
             const long dist = p - matchPos;
             litDst[written] = static_cast<Ozr8u>(best - 3);
             distDst[written] = static_cast<Ozr16u>(dist);
@@ -210,9 +220,14 @@ void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Para
                 ++distFreq[kCodes.litCode[slot]].freq;
             }
             if (best <= maxLazy) {
-                prev[(p + 1) & wmask] = head[h1];
-                head[h1] = static_cast<Ozr32s>(p + 1);
-                for (long r = p + 2; r < q; ++r) {
+                const auto enter = [&](long r, Ozr32u hr) {
+                    prev[r & wmask] = head[hr];
+                    head[hr] = static_cast<Ozr32s>(r);
+                };
+                enter(p + 1, i1);  // best >= 4: p + 1 .. p + 3 lie inside the match
+                enter(p + 2, i2);
+                enter(p + 3, h3);
+                for (long r = p + 4; r < q; ++r) {
                     const Ozr32u hr = hashAt(r);
                     prev[r & wmask] = head[hr];
                     head[hr] = static_cast<Ozr32s>(r);
@@ -227,6 +242,8 @@ void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Para
             ++litFreq[b].freq;
             p += 1;
             h = h1;
+            h1 = h2;
+            h2 = h3;
         }
     }
     m.written = written;
