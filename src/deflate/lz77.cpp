@@ -78,11 +78,35 @@ struct Matcher : History {
     void insertRange(long from, long to) {  // positions from .. to - 1
         if (from >= to) return;
         insert(from);  // its hash may be the one computed ahead
-        for (long q = from + 1; q < to; ++q) {
-            const Ozr32u h = hashBytes(at(q)) & hmask;
-            prev[q & wmask] = head[h];
-            head[h] = static_cast<Ozr32s>(q);
+        enterRun(from + 1, to);
+    }
+    // Enters positions from .. to - 1 (the last byte read is that of to - 1 + 3). The
+    // loop is bound by its loads: four positions take their 7 bytes from one 8-byte
+    // load (its 8th byte lies before the last one read while 5 positions remain), and
+    // the tables and masks are locals (the table stores could alias the matcher's
+    // fields, which would then be reloaded after each).
+    __attribute__((always_inline)) void enterRun(long from, long to) const {
+        Ozr32s* const hd = head;
+        Ozr32s* const pv = prev;
+        const Ozr32u hm = hmask, wm = wmask;
+        const Ozr16u* const t = randVec.v;
+        const auto enter = [&](long q, Ozr32u h) {
+            h &= hm;
+            pv[q & wm] = hd[h];
+            hd[h] = static_cast<Ozr32s>(q);
+        };
+        long q = from;
+        const Ozr8u* s = at(q);
+        for (; q + 5 <= to; q += 4, s += 4) {
+            const Ozr64u w = load64(s);
+            const Ozr32u b0 = w & 0xFF, b1 = (w >> 8) & 0xFF, b2 = (w >> 16) & 0xFF, b3 = (w >> 24) & 0xFF,
+                         b4 = (w >> 32) & 0xFF, b5 = (w >> 40) & 0xFF, b6 = (w >> 48) & 0xFF;
+            enter(q, t[b0] ^ t[256 + b1] ^ t[512 + b2] ^ t[768 + b3]);
+            enter(q + 1, t[b1] ^ t[256 + b2] ^ t[512 + b3] ^ t[768 + b4]);
+            enter(q + 2, t[b2] ^ t[256 + b3] ^ t[512 + b4] ^ t[768 + b5]);
+            enter(q + 3, t[b3] ^ t[256 + b4] ^ t[512 + b5] ^ t[768 + b6]);
         }
+        for (; q < to; ++q, ++s) enter(q, hashBytes(s));
     }
     // Takes position p back out of the chains; positions must be removed newest first.
     void remove(long p) { head[hash4(at(p)) & hmask] = prev[p & wmask]; }
