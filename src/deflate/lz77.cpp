@@ -318,7 +318,8 @@ void runGreedy(Matcher& m, long& p, long e, Ozr32u freeEntries, Params prm, bool
 // The lazy pass. The item of the previous position is pending as (P, D, B): P = 0
 // nothing, 3 the byte B as a literal, >= 4 a match of length P at distance D.
 template <bool Joined>
-void runLazy(Matcher& m, long& p, long e, Ozr32u freeEntries, const Params prm, bool flushAll) {
+__attribute__((always_inline)) inline void lazyPass(Matcher& m, long& p, long e, Ozr32u freeEntries, const Params prm,
+                                                    bool flushAll) {
     if (freeEntries < 2) return;
     const Ozr32u room = freeEntries - 1;  // one entry stays for the pending item
     int P = 0;
@@ -391,6 +392,16 @@ void runLazy(Matcher& m, long& p, long e, Ozr32u freeEntries, const Params prm, 
             m.literal(*m.at(p));
             p += 1;
         }
+}
+
+// The lazy pass on a local copy of the matcher: the byte stores into the sequence
+// buffers could alias a matcher in memory, whose fields would then be reloaded after
+// each of them.
+template <bool Joined>
+void runLazy(Matcher& matcher, long& p, long e, Ozr32u freeEntries, const Params prm, bool flushAll) {
+    Matcher m = matcher;
+    lazyPass<Joined>(m, p, e, freeEntries, prm, flushAll);
+    matcher.written = m.written;
 }
 
 template <bool Lazy>
