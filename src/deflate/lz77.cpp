@@ -42,6 +42,16 @@ __attribute__((always_inline)) inline Ozr32u hashBytes(const Ozr8u* p) {
     return randVec.v[p[0]] ^ randVec.v[256 + p[1]] ^ randVec.v[512 + p[2]] ^ randVec.v[768 + p[3]];
 }
 
+// Counts a match's length and distance symbols. Near and far distances alternate
+// unpredictably: the distance code's table slot is picked without a branch.
+__attribute__((always_inline)) inline void countMatch(OzrDeflateFreqTable* litFreq, OzrDeflateFreqTable* distFreq,
+                                                      int len, long dist) {
+    ++litFreq[257 + lenCode(len - 3)].freq;
+    const Ozr32u d1 = static_cast<Ozr32u>(dist - 1);
+    const Ozr32u slot = d1 < 256 ? 256 + d1 : 512 + (d1 >> 7);
+    ++distFreq[kCodes.litCode[slot]].freq;
+}
+
 constexpr Ozr32u kMaxPerCall = 1u << 30;  // keeps positions below 2^31 after rebasing
 
 struct Matcher : History {
@@ -62,14 +72,14 @@ struct Matcher : History {
     // matchers ask for the next position's while they work on this one.
     // The hash is kept for the insertion of that position.
     void prefetchHead(long p) {
-        nextHash = hash4(at(p)) & hmask;
+        nextHash = hashBytes(at(p)) & hmask;
         nextPos = p;
         __builtin_prefetch(head + nextHash, 1);
     }
 
     // Enters position p (its 4 bytes lie in the source) and returns the old head.
     Ozr32s insert(long p) {
-        const Ozr32u h = p == nextPos ? nextHash : hash4(at(p)) & hmask;
+        const Ozr32u h = p == nextPos ? nextHash : hashBytes(at(p)) & hmask;
         const Ozr32s old = head[h];
         prev[p & wmask] = old;
         head[h] = static_cast<Ozr32s>(p);
@@ -160,8 +170,7 @@ struct Matcher : History {
         litDst[written] = static_cast<Ozr8u>(len - 3);
         distDst[written] = static_cast<Ozr16u>(dist);
         ++written;
-        ++litFreq[257 + lenCode(len - 3)].freq;
-        ++distFreq[distCode(static_cast<int>(dist - 1))].freq;
+        countMatch(litFreq, distFreq, len, dist);
     }
     void unLiteral() {
         --written;
@@ -236,13 +245,7 @@ void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Para
             litDst[written] = static_cast<Ozr8u>(best - 3);
             distDst[written] = static_cast<Ozr16u>(dist);
             ++written;
-            ++litFreq[257 + lenCode(best - 3)].freq;
-            {
-                // Near and far distances alternate: pick the table slot without a branch.
-                const Ozr32u d1 = static_cast<Ozr32u>(dist - 1);
-                const Ozr32u slot = d1 < 256 ? 256 + d1 : 512 + (d1 >> 7);
-                ++distFreq[kCodes.litCode[slot]].freq;
-            }
+            countMatch(litFreq, distFreq, best, dist);
             if (best <= maxLazy) {
                 const auto enter = [&](long r, Ozr32u hr) {
                     prev[r & wmask] = head[hr];
