@@ -360,6 +360,9 @@ __attribute__((always_inline)) inline void lazyPass(Matcher& m, long& p, long e,
                 if (P < best || P < kMinMatch) {
                     m.literal(B);
                 } else {
+                    // The next search is at the match's last byte: ask for its head
+                    // entry before the inner insertions.
+                    if (p + P - 1 < end) m.prefetchHead(p + P - 1);
                     m.match(P, D);
                     m.insertRange(p + 1, p + P - 1);
                     p += P - 2;
