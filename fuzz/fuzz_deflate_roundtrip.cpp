@@ -1,7 +1,8 @@
 // Deflate encoder round trip: arbitrary data compressed by the chained matchers
 // (level 0..29) or by the fastest mode, fed in pieces with small entry and output
 // buffers, must come back from zlib's inflate and from our Inflate. Byte 0 picks the
-// level (30 and up: the fastest mode), byte 1 seeds the piece sizes, byte 2 the
+// level (30 and up: the fastest mode), byte 1 seeds the piece sizes (and whether the
+// chained matchers' window is a copy or the bytes in front of the source), byte 2 the
 // window size; the rest is the data, at the end of a guarded buffer.
 #include <zlib.h>
 
@@ -55,6 +56,9 @@ Bytes chained(const uint8_t* d, size_t n, int level, Ozr32u w, Rng& rng) {
     const Ozr32u hashSize = static_cast<Ozr32u>(head.size());
     Bytes win(w);
     const Ozr32u cap = 1 + rng.next(3000);
+    // Joined: once w bytes lie before the source, the window is those bytes themselves
+    // (the matchers then read window and source as one range) instead of a copy.
+    const bool joined = rng.next(2);
     Bytes lit(cap);
     std::vector<Ozr16u> dist(cap);
     Bits s;
@@ -69,8 +73,9 @@ Bytes chained(const uint8_t* d, size_t n, int level, Ozr32u w, Rng& rng) {
             const int flush = avail == n ? 2 : 0;
             window(d, at, w, win);
             const Ozr8u* src = d + at;
+            const Ozr8u* winp = joined && at >= w ? d + at - w : win.data();
             Ozr32u len = static_cast<Ozr32u>(avail - at);
-            if (ozrsDeflateLZ77_8u(&src, &len, &idx, win.data(), w, head.data(), prev.data(), hashSize, lf, df,
+            if (ozrsDeflateLZ77_8u(&src, &len, &idx, winp, w, head.data(), prev.data(), hashSize, lf, df,
                                    lit.data() + (cap - room), dist.data() + (cap - room), &room, level, flush) != ozrOk)
                 std::abort();
             at = static_cast<size_t>(src - d);

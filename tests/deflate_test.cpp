@@ -7,11 +7,13 @@
 #include "inflate_driver.h"
 #include "test_data.h"
 
+#include <algorithm>
 #include <array>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "hash_rows.h"
 #include "m7.h"
 
 using namespace deflate_ref;
@@ -58,6 +60,7 @@ struct LzRun {
     Ozr32u startIdx = 0;
     Ozr32u freeEntries = 1u << 20;
     Bytes dict;  // exactly winSize bytes (or empty)
+    bool joined = false;  // the window is the winSize bytes right in front of the source, not a copy
 };
 
 // Feeds data in pieces ending at `cuts` (the last cut is data.size(), flushed); each
@@ -67,7 +70,8 @@ Seq runLz77(const LzRun& cfg, const Bytes& data, std::vector<size_t> cuts = {}) 
     Seq s;
     std::vector<Ozr32s> head(cfg.hashSize, -32768), prev(cfg.winSize, -32768);
     Bytes window(cfg.winSize, 0);
-    Bytes all = cfg.dict;
+    Bytes all(cfg.winSize, 0);  // the data behind winSize zero bytes: a joined window can point into it
+    all.insert(all.end(), cfg.dict.begin(), cfg.dict.end());
     all.insert(all.end(), data.begin(), data.end());
     Ozr32u idx = cfg.startIdx;
     if (!cfg.dict.empty()) {
@@ -75,25 +79,23 @@ Seq runLz77(const LzRun& cfg, const Bytes& data, std::vector<size_t> cuts = {}) 
                                               cfg.hashSize, prev.data(), window.data(), cfg.winSize, cfg.level), ozrOk);
         idx = cfg.winSize;
     }
-    size_t off = cfg.dict.size();  // offset in `all` of the next unread byte
+    size_t off = cfg.winSize + cfg.dict.size();  // offset in `all` of the next unread byte
     std::vector<uint8_t> lit(cfg.freeEntries + 1);
     std::vector<uint16_t> dist(cfg.freeEntries + 1);
     for (size_t k = 0; k < cuts.size(); ++k) {
-        const size_t end = cfg.dict.size() + cuts[k];
+        const size_t end = cfg.winSize + cfg.dict.size() + cuts[k];
         const int flush = k + 1 == cuts.size() ? 2 : 0;
         for (;;) {
-            for (size_t i = 0; i < cfg.winSize; ++i) {
-                const ptrdiff_t q = static_cast<ptrdiff_t>(off) - cfg.winSize + i;
-                window[i] = q >= 0 ? all[q] : 0;
-            }
+            std::copy(all.begin() + static_cast<ptrdiff_t>(off - cfg.winSize), all.begin() + static_cast<ptrdiff_t>(off), window.begin());
+            const Ozr8u* win = cfg.joined ? all.data() + off - cfg.winSize : window.data();
             const Ozr8u* src = all.data() + off;
             Ozr32u len = static_cast<Ozr32u>(end - off), room = cfg.freeEntries;
             OzrResult st;
             if (cfg.params)
-                st = cfg.matcher(&src, &len, &idx, window.data(), cfg.winSize, head.data(), prev.data(), cfg.hashSize,
+                st = cfg.matcher(&src, &len, &idx, win, cfg.winSize, head.data(), prev.data(), cfg.hashSize,
                                  s.litFreq.data(), s.distFreq.data(), lit.data(), dist.data(), &room, cfg.params, flush);
             else
-                st = ozrsDeflateLZ77_8u(&src, &len, &idx, window.data(), cfg.winSize, head.data(), prev.data(),
+                st = ozrsDeflateLZ77_8u(&src, &len, &idx, win, cfg.winSize, head.data(), prev.data(),
                                         cfg.hashSize, s.litFreq.data(), s.distFreq.data(), lit.data(), dist.data(), &room,
                                         cfg.level, flush);
             EXPECT_EQ(st, ozrOk);
@@ -247,6 +249,162 @@ TEST(DeflatePieces, InputFedInPiecesGivesTheSequenceOfOneCall) {
         ASSERT_EQ(pieces.dist, one.dist);
         expectCountsMatch(pieces);
     }
+}
+
+TEST(DeflatePieces, AWindowJoinedToTheSourceGivesTheSequenceOfACopiedOne) {
+    // A window that ends where the source starts is read as one range with it (the
+    // tool's layout); the sequence must be that of a separate copy of the same bytes.
+    std::mt19937 r(11);
+    const Bytes& d = samples()[0].data;
+    for (int level : {1, 2, 4, 5, 6, 8, 9, 11, 14, 16, 19, 21, 26, 29})
+        for (Ozr32u winSize : {32768u, 1024u}) {
+            SCOPED_TRACE("level " + std::to_string(level) + " window " + std::to_string(winSize));
+            std::vector<size_t> cuts;
+            for (size_t at = 0; at < d.size();) {
+                at += r() % 2 ? r() % 400 : r() % 30000;
+                if (at < d.size()) cuts.push_back(at);
+            }
+            LzRun copied;
+            copied.level = level;
+            copied.winSize = winSize;
+            copied.freeEntries = 5000;
+            LzRun joined = copied;
+            joined.joined = true;
+            const Seq a = runLz77(copied, d, cuts), b = runLz77(joined, d, cuts);
+            ASSERT_EQ(b.lit, a.lit);
+            ASSERT_EQ(b.dist, a.dist);
+            ASSERT_EQ(b.consumedPerCall, a.consumedPerCall);
+            expectCountsMatch(b);
+        }
+}
+
+// A plain chained matcher written from the algorithm's description (one call, flush
+// 2, fresh tables of 32768 entries, nothing in the window): the greedy pass for levels
+// whose last digit is 0..4, the lazy pass above. Every candidate is counted in full,
+// so the quick tests, prefetches and batched insertions of the library must leave the
+// sequence exactly as this one.
+Seq referenceLz77(const Bytes& d, int level) {
+    static constexpr Ozr32u kRows[10][4] = {{0, 0, 0, 0},     {4, 8, 8, 8},       {4, 16, 16, 9},      {4, 16, 16, 12},
+                                            {48, 32, 32, 16}, {32, 8, 32, 16},    {128, 8, 256, 16},   {144, 8, 256, 16},
+                                            {192, 32, 258, 128}, {256, 32, 258, 258}};
+    static constexpr Ozr32u kOther[20][4] = {
+        {0, 0, 0, 0},      {3, 7, 8, 258},     {3, 8, 16, 258},   {5, 8, 16, 258},    {16, 32, 32, 258},
+        {24, 6, 32, 16},   {120, 7, 256, 16},  {140, 7, 256, 16}, {192, 32, 258, 128}, {512, 32, 258, 258},
+        {0, 0, 0, 0},      {4, 8, 8, 258},     {4, 16, 16, 258},  {4, 16, 16, 258},   {16, 32, 32, 258},
+        {32, 8, 32, 16},   {128, 8, 256, 16},  {144, 8, 256, 16}, {192, 32, 258, 128}, {512, 32, 258, 258}};
+    const Ozr32u* prm = level < 10 ? kRows[level] : kOther[level - 10];
+    const long maxChain = prm[0], good = prm[1], nice = prm[2];
+    long maxLazy = prm[3];
+    static constexpr auto rows = m7::makeHashRows<Ozr16u, 4, 15>(0x6F7A7264636465ull);
+    const long W = 32768, e = static_cast<long>(d.size());
+    std::vector<long> head(32768, -32768), prev(W, -32768);
+    Seq s;
+    const auto literal = [&](uint8_t b) { s.lit.push_back(b); s.dist.push_back(0); s.litFreq[b].freq++; };
+    const auto match = [&](long len, long dist) {
+        s.lit.push_back(static_cast<uint8_t>(len - 3));
+        s.dist.push_back(static_cast<uint16_t>(dist));
+        s.litFreq[257 + lengthCode(static_cast<int>(len))].freq++;
+        s.distFreq[distanceCode(static_cast<int>(dist))].freq++;
+    };
+    const auto insert = [&](long p) {
+        const int h = (rows.v[d[p]] ^ rows.v[256 + d[p + 1]] ^ rows.v[512 + d[p + 2]] ^ rows.v[768 + d[p + 3]]) & 32767;
+        const long old = head[h];
+        prev[p % W] = old;
+        head[h] = p;
+        return old;
+    };
+    // The longest strictly longer match than `best` within `limit` links (the first
+    // one reaching it), stopping at nice; greedy: goodLength cuts the limit once.
+    const auto search = [&](long p, long cand, long best, long limit, bool cut, long maxLen, long& pos) {
+        bool cutDone = false;
+        for (long steps = 1; cand > p - W; ++steps) {
+            long len = 0;
+            while (len < maxLen && d[cand + len] == d[p + len]) ++len;
+            if (len > best) {
+                best = len;
+                pos = cand;
+                if (best >= nice) break;
+                if (cut && best >= good && !cutDone) {
+                    cutDone = true;
+                    limit = maxChain / 4;
+                }
+            }
+            if (steps >= limit) break;
+            cand = prev[cand % W];
+        }
+        return best;
+    };
+    long p = 0;
+    if (maxChain > 0 && level % 10 <= 4) {
+        long mainEnd = e - 261;
+        if (mainEnd == 0) {
+            mainEnd = 1;
+            maxLazy = std::min(maxLazy, 257L);
+        }
+        for (int tail = 0; tail < 2; ++tail)
+            for (const long end = tail ? e - 3 : mainEnd; p < end;) {
+                const long maxLen = tail ? std::min(e - 3 - p, 258L) : 258;
+                long pos = 0;
+                const long best = search(p, insert(p), 3, maxChain, !tail, maxLen, pos);
+                if (best >= 4) {
+                    match(best, p - pos);
+                    if (best <= maxLazy)
+                        for (long q = p + 1; q < p + best; ++q) insert(q);
+                    p += best;
+                } else {
+                    literal(d[p++]);
+                }
+            }
+    } else if (maxChain > 0) {
+        long P = 0, D = 0;
+        uint8_t B = 0;
+        for (int tail = 0; tail < 2; ++tail)
+            for (const long end = tail ? e - 3 : e - 261; p < end; ++p) {
+                const long cand = insert(p);
+                long best = P, pos = 0;
+                if (P < maxLazy)
+                    best = search(p, cand, std::max(P, 3L), P < good ? maxChain : maxChain / 4, false,
+                                  tail ? std::min(e - 3 - p, 258L) : 258, pos);
+                if (P > 1) {
+                    if (P < best || P < 4) {
+                        literal(B);
+                    } else {
+                        match(P, D);
+                        for (long q = p + 1; q < p + P - 1; ++q) insert(q);
+                        p += P - 2;
+                        best = 0;
+                    }
+                }
+                if (best >= 4) D = p - pos;
+                P = best;
+                B = d[p];
+            }
+        if (P >= 4) {
+            match(P, D);
+            p += P - 1;
+        } else if (P == 3) {
+            literal(B);
+        }
+    }
+    while (p < e) literal(d[p++]);
+    return s;
+}
+
+TEST(DeflateLevels, EveryLevelsSequenceIsThatOfAPlainChainedMatcher) {
+    for (int level = 1; level < 30; ++level)
+        for (const Sample& smp : samples())
+            for (bool joined : {false, true}) {
+                if (level % 10 == 0) continue;
+                SCOPED_TRACE(std::string(smp.name) + " level " + std::to_string(level) + (joined ? " joined" : ""));
+                LzRun cfg;
+                cfg.level = level;
+                cfg.joined = joined;
+                const Seq ours = runLz77(cfg, smp.data), ref = referenceLz77(smp.data, level);
+                ASSERT_EQ(ours.lit, ref.lit);
+                ASSERT_EQ(ours.dist, ref.dist);
+                for (int i = 0; i < 286; ++i) ASSERT_EQ(ours.litFreq[i].freq, ref.litFreq[i].freq);
+                for (int i = 0; i < 30; ++i) ASSERT_EQ(ours.distFreq[i].freq, ref.distFreq[i].freq);
+            }
 }
 
 TEST(DeflatePieces, SmallEntryBuffersStopEarlyAndStillReplay) {

@@ -21,10 +21,10 @@ struct BitWriter {
         buf |= static_cast<Ozr64u>(bits) << n;
         n += len;
     }
-    void flushBlind() {
+    void flushBlind() {  // n <= 7 + 48: the shift stays below 64
         store64(out, buf);
         out += n >> 3;
-        buf = (n & ~7u) == 64 ? 0 : buf >> (n & ~7u);
+        buf >>= n & ~7u;
         n &= 7;
     }
     void flushBytes() {
@@ -42,47 +42,88 @@ struct Field {
     Ozr32u len;
 };
 
-template <bool Wide>
-void encode(const Ozr8u* lit, const Ozr16u* dist, Ozr32u count, const OzrDeflateHuffCode* lc,
-            const OzrDeflateHuffCode* dc, BitWriter& w) {
-    // Wide: per length byte, the length code with its extra bits in one field.
-    Field lenField[Wide ? 256 : 1];
-    if constexpr (Wide) {
-        for (int v = 0; v < 256; ++v) {
-            const int c = lenCode(v);
-            const OzrDeflateHuffCode& h = lc[257 + c];
-            lenField[v] = {h.code | (static_cast<Ozr32u>(v - kCodes.litBase[c]) << h.len),
-                           static_cast<Ozr32u>(h.len + kCodes.litExtra[c])};
-        }
+// A distance code with what its extra bits are counted from: the field of distance
+// d is code | (d - 1 - base) << len, total bits long. Entry 0 (no distance: a
+// literal) is the empty field.
+struct DistField {
+    Ozr32u code;
+    Ozr32u len;
+    Ozr32u total;
+    Ozr32u base;
+};
+
+// Writes entries 0 .. count - 1 with one(i, writer): a blind 8-byte store after each
+// while two entries remain beyond it, byte stores for the last two. The writer is a
+// local copy: the output stores could alias a writer in memory, which would then be
+// stored and reloaded around each of them.
+template <class One>
+__attribute__((always_inline)) inline void writeEntries(Ozr32u count, BitWriter& writer, One one) {
+    BitWriter w = writer;
+    Ozr32u i = 0;
+    for (; i + 2 < count; ++i) {
+        one(i, w);
+        w.flushBlind();
     }
-    const auto one = [&](Ozr32u i) {
+    for (; i < count; ++i) {
+        one(i, w);
+        w.flushBytes();
+    }
+    writer = w;
+}
+
+// Narrow path: the tables as they come, one branch per entry.
+void encodeNarrow(const Ozr8u* lit, const Ozr16u* dist, Ozr32u count, const OzrDeflateHuffCode* lc,
+                  const OzrDeflateHuffCode* dc, BitWriter& writer) {
+    const auto one = [&](Ozr32u i, BitWriter& w) {
         const Ozr32u d = dist[i];
         const Ozr32u v = lit[i];
         if (d == 0) {
             w.put(lc[v].code, lc[v].len);
             return;
         }
-        if constexpr (Wide) {
-            w.put(lenField[v].bits, lenField[v].len);
-        } else {
-            const int c = lenCode(static_cast<int>(v));
-            w.put(lc[257 + c].code, lc[257 + c].len);
-            w.put(v - kCodes.litBase[c], kCodes.litExtra[c]);
-        }
+        const int c = lenCode(static_cast<int>(v));
+        w.put(lc[257 + c].code, lc[257 + c].len);
+        w.put(v - kCodes.litBase[c], kCodes.litExtra[c]);
         const int e = static_cast<int>(d) - 1;
         const int k = distCode(e);
         w.put(dc[k].code | (static_cast<Ozr32u>(e - kCodes.distBase[k]) << dc[k].len),
               dc[k].len + kCodes.distExtra[k]);
     };
-    Ozr32u i = 0;
-    for (; i + 2 < count; ++i) {
-        one(i);
-        w.flushBlind();
+    writeEntries(count, writer, one);
+}
+
+// Wide path: per entry one literal-or-length field (literal v at [v], length byte v
+// with its extra bits at [256 + v]) and one distance field (index d for d <= 256,
+// 256 + (d - 1) / 128 above; a literal's distance 0 selects the empty field), chosen
+// by index arithmetic instead of a branch: literals and matches alternate too
+// irregularly for a branch to be predicted.
+void encodeWide(const Ozr8u* lit, const Ozr16u* dist, Ozr32u count, const OzrDeflateHuffCode* lc,
+                const OzrDeflateHuffCode* dc, BitWriter& writer) {
+    Field ll[512];
+    DistField df[512];
+    for (int v = 0; v < 256; ++v) {
+        ll[v] = {lc[v].code, lc[v].len};
+        const int c = lenCode(v);
+        const OzrDeflateHuffCode& h = lc[257 + c];
+        ll[256 + v] = {h.code | (static_cast<Ozr32u>(v - kCodes.litBase[c]) << h.len),
+                       static_cast<Ozr32u>(h.len + kCodes.litExtra[c])};
     }
-    for (; i < count; ++i) {
-        one(i);
-        w.flushBytes();
-    }
+    const auto distField = [&](int k) {
+        return DistField{dc[k].code, dc[k].len, static_cast<Ozr32u>(dc[k].len + kCodes.distExtra[k]), kCodes.distBase[k]};
+    };
+    df[0] = {0, 0, 0, ~0u};  // d - 1 - base = 0 for d = 0
+    for (int d = 1; d <= 256; ++d) df[d] = distField(distCode(d - 1));
+    df[257] = df[0];  // not reached: (d - 1) / 128 >= 2 above 256
+    for (int b = 2; b < 256; ++b) df[256 + b] = distField(distCode(b << 7));
+    const auto one = [&](Ozr32u i, BitWriter& w) {
+        const Ozr32u d = dist[i];
+        const Ozr32u v = lit[i];
+        const Field& f = ll[v + (d != 0 ? 256u : 0u)];
+        w.put(f.bits, f.len);
+        const DistField& g = df[d <= 256 ? d : 256 + ((d - 1) >> 7)];
+        w.put(g.code | ((d - 1 - g.base) << g.len), g.total);
+    };
+    writeEntries(count, writer, one);
 }
 
 }  // namespace
@@ -98,8 +139,8 @@ extern "C" OzrResult m7_ozrsDeflateHuff_8u(const Ozr8u* pLitSrc, const Ozr16u* p
     Ozr32u pending = *pCodeLenBits > 16 ? 16 : *pCodeLenBits;
     BitWriter w{*pCode & ((1ull << pending) - 1), pending, pDst + *pDstIdx};
     w.flushBytes();
-    if (srcLen >= 2048) encode<true>(pLitSrc, pDistSrc, srcLen, pLitHuffCodes, pDistHuffCodes, w);
-    else encode<false>(pLitSrc, pDistSrc, srcLen, pLitHuffCodes, pDistHuffCodes, w);
+    if (srcLen >= 2048) encodeWide(pLitSrc, pDistSrc, srcLen, pLitHuffCodes, pDistHuffCodes, w);
+    else encodeNarrow(pLitSrc, pDistSrc, srcLen, pLitHuffCodes, pDistHuffCodes, w);
     w.flushBytes();
     *pDstIdx = static_cast<Ozr32u>(w.out - pDst);
     *pCode = static_cast<Ozr16u>(w.buf);

@@ -6,6 +6,8 @@
 // (start = the source index on entry), else window[q - start + winSize]; a candidate
 // is usable while p - winSize < q < p. The head table holds the latest position per
 // hash, the previous table (indexed by position mod winSize) the chain link.
+#include <emmintrin.h>
+
 #include "deflate_common.h"
 
 namespace m7::deflate {
@@ -22,6 +24,34 @@ constexpr Ozr32u kLevels[30][4] = {
     {32, 8, 32, 16},    {128, 8, 256, 16},  {144, 8, 256, 16},  {192, 32, 258, 128}, {512, 32, 258, 258},
 };
 
+// Common length of a and b, at most n, 16 bytes per step (one compare settles nearly
+// every match of the low levels); reads nothing beyond n.
+__attribute__((always_inline)) inline int commonLength16(const Ozr8u* a, const Ozr8u* b, int n) {
+    int i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + i));
+        const __m128i y = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + i));
+        const Ozr32u diff = static_cast<Ozr32u>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, y))) ^ 0xFFFFu;
+        if (diff) return i + static_cast<int>(m7::trailingZeros64(diff));
+    }
+    return i + commonLength(a + i, b + i, n - i);
+}
+
+// The randVec hash from four byte loads (no shifts to take the word apart).
+__attribute__((always_inline)) inline Ozr32u hashBytes(const Ozr8u* p) {
+    return randVec.v[p[0]] ^ randVec.v[256 + p[1]] ^ randVec.v[512 + p[2]] ^ randVec.v[768 + p[3]];
+}
+
+// Counts a match's length and distance symbols. Near and far distances alternate
+// unpredictably: the distance code's table slot is picked without a branch.
+__attribute__((always_inline)) inline void countMatch(OzrDeflateFreqTable* litFreq, OzrDeflateFreqTable* distFreq,
+                                                      int len, long dist) {
+    ++litFreq[257 + lenCode(len - 3)].freq;
+    const Ozr32u d1 = static_cast<Ozr32u>(dist - 1);
+    const Ozr32u slot = d1 < 256 ? 256 + d1 : 512 + (d1 >> 7);
+    ++distFreq[kCodes.litCode[slot]].freq;
+}
+
 constexpr Ozr32u kMaxPerCall = 1u << 30;  // keeps positions below 2^31 after rebasing
 
 struct Matcher : History {
@@ -36,36 +66,68 @@ struct Matcher : History {
     Ozr32u written;
     Ozr32u nextHash = 0;  // hash of position nextPos, computed ahead
     long nextPos = -1;
+    bool joined = false;  // the window lies right in front of the source: src == win
 
     // Starts loading the head entry of position p (its 4 bytes lie in the source): the
     // matchers ask for the next position's while they work on this one.
     // The hash is kept for the insertion of that position.
     void prefetchHead(long p) {
-        nextHash = hash4(at(p)) & hmask;
+        nextHash = hashBytes(at(p)) & hmask;
         nextPos = p;
         __builtin_prefetch(head + nextHash, 1);
     }
 
     // Enters position p (its 4 bytes lie in the source) and returns the old head.
     Ozr32s insert(long p) {
-        const Ozr32u h = p == nextPos ? nextHash : hash4(at(p)) & hmask;
+        const Ozr32u h = p == nextPos ? nextHash : hashBytes(at(p)) & hmask;
         const Ozr32s old = head[h];
         prev[p & wmask] = old;
         head[h] = static_cast<Ozr32s>(p);
         return old;
     }
     void insertRange(long from, long to) {  // positions from .. to - 1
-        for (long q = from; q < to; ++q) insert(q);
+        if (from >= to) return;
+        insert(from);  // its hash may be the one computed ahead
+        enterRun(from + 1, to);
+    }
+    // Enters positions from .. to - 1 (the last byte read is that of to - 1 + 3). The
+    // loop is bound by its loads: four positions take their 7 bytes from one 8-byte
+    // load (its 8th byte lies before the last one read while 5 positions remain), and
+    // the tables and masks are locals (the table stores could alias the matcher's
+    // fields, which would then be reloaded after each).
+    __attribute__((always_inline)) void enterRun(long from, long to) const {
+        Ozr32s* const hd = head;
+        Ozr32s* const pv = prev;
+        const Ozr32u hm = hmask, wm = wmask;
+        const Ozr16u* const t = randVec.v;
+        const auto enter = [&](long q, Ozr32u h) {
+            h &= hm;
+            pv[q & wm] = hd[h];
+            hd[h] = static_cast<Ozr32s>(q);
+        };
+        long q = from;
+        const Ozr8u* s = at(q);
+        for (; q + 5 <= to; q += 4, s += 4) {
+            const Ozr64u w = load64(s);
+            const Ozr32u b0 = w & 0xFF, b1 = (w >> 8) & 0xFF, b2 = (w >> 16) & 0xFF, b3 = (w >> 24) & 0xFF,
+                         b4 = (w >> 32) & 0xFF, b5 = (w >> 40) & 0xFF, b6 = (w >> 48) & 0xFF;
+            enter(q, t[b0] ^ t[256 + b1] ^ t[512 + b2] ^ t[768 + b3]);
+            enter(q + 1, t[b1] ^ t[256 + b2] ^ t[512 + b3] ^ t[768 + b4]);
+            enter(q + 2, t[b2] ^ t[256 + b3] ^ t[512 + b4] ^ t[768 + b5]);
+            enter(q + 3, t[b3] ^ t[256 + b4] ^ t[512 + b5] ^ t[768 + b6]);
+        }
+        for (; q < to; ++q, ++s) enter(q, hashBytes(s));
     }
     // Takes position p back out of the chains; positions must be removed newest first.
     void remove(long p) { head[hash4(at(p)) & hmask] = prev[p & wmask]; }
 
     // Walks the chain from cand; best is the length to beat (only a strictly longer
     // match replaces it, so ties keep the nearer candidate). Greedy: a match reaching
-    // goodLength cuts the remaining chain to a quarter, once.
-    template <bool CutOnGood>
-    int search(long p, long cand, int best, Ozr32u limit, Ozr32u maxChain, int good, int nice, int maxLen,
-               long* matchPos) const {
+    // goodLength cuts the remaining chain to a quarter, once. Joined: the window lies
+    // right in front of the source, every candidate is addressed from one base.
+    template <bool CutOnGood, bool Joined>
+    __attribute__((always_inline)) int search(long p, long cand, int best, Ozr32u limit, Ozr32u maxChain, int good,
+                                              int nice, int maxLen, long* matchPos) const {
         // Locals for the chain walk, whose cost is the latency of each link: keep the
         // loop's state in registers.
         const long low = p - wsize, first = start;
@@ -77,8 +139,8 @@ struct Matcher : History {
         bool cut = false;
         for (Ozr32u steps = 1; cand > low && cand < p; ++steps) {
             const long next = links[cand & mask];
-            if (cand < first || load32(base + cand + best - 3) == tail) {
-                const int len = length(p, cand, maxLen);
+            if ((!Joined && cand < first) || load32(base + cand + best - 3) == tail) {
+                const int len = Joined ? commonLength16(pp, base + cand, maxLen) : length(p, cand, maxLen);
                 if (len > best) {
                     best = len;
                     *matchPos = cand;
@@ -108,8 +170,7 @@ struct Matcher : History {
         litDst[written] = static_cast<Ozr8u>(len - 3);
         distDst[written] = static_cast<Ozr16u>(dist);
         ++written;
-        ++litFreq[257 + lenCode(len - 3)].freq;
-        ++distFreq[distCode(static_cast<int>(dist - 1))].freq;
+        countMatch(litFreq, distFreq, len, dist);
     }
     void unLiteral() {
         --written;
@@ -131,6 +192,92 @@ struct Params {
     int good, nice, maxLazy;
 };
 
+// The greedy main phase (p + 261 <= e: every match may be 258 long), the hot loop of
+// the low levels, with the walk's and the writer's state in locals. Joined: the window
+// lies right in front of the source, so every candidate is addressed from one base.
+// The hash of the next position is computed while the current one is searched (a
+// literal moves there) and that of the position after a match before the match's
+// inner insertions, so that their head entries are on the way when needed.
+template <bool Joined>
+void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Params prm) {
+    const Ozr8u* const base = m.src - m.start;  // base + q is position q (q >= start, or any with Joined)
+    Ozr32s* const head = m.head;
+    Ozr32s* const prev = m.prev;
+    const Ozr32u hmask = m.hmask, wmask = m.wmask;
+    Ozr8u* const litDst = m.litDst;
+    Ozr16u* const distDst = m.distDst;
+    OzrDeflateFreqTable* const litFreq = m.litFreq;
+    OzrDeflateFreqTable* const distFreq = m.distFreq;
+    const Ozr32u maxChain = prm.maxChain;
+    const int good = prm.good, nice = prm.nice, maxLazy = prm.maxLazy;
+    Ozr32u written = m.written;
+    long p = pRef;
+    const auto hashAt = [&](long q) { return hashBytes(base + q) & hmask; };
+    // Hashes of p .. p + 2, their head entries requested: three positions ahead, so
+    // that a match's first inner insertions and the positions after a literal find
+    // their entries on the way.
+    Ozr32u h = 0, h1 = 0, h2 = 0;
+    const auto ahead = [&](long q) {
+        h = hashAt(q);
+        h1 = hashAt(q + 1);
+        h2 = hashAt(q + 2);
+        __builtin_prefetch(head + h, 1);
+        __builtin_prefetch(head + h1, 1);
+        __builtin_prefetch(head + h2, 1);
+    };
+    if (p < end) ahead(p);
+    while (p < end && written < freeEntries) {
+        long cand = head[h];
+        prev[p & wmask] = static_cast<Ozr32s>(cand);
+        head[h] = static_cast<Ozr32s>(p);
+        const Ozr32u h3 = hashAt(p + 3);
+        __builtin_prefetch(head + h3, 1);
+
+        const Ozr8u* const pp = base + p;
+        long matchPos = 0;
+        const int best = m.search<true, Joined>(p, cand, 3, maxChain, maxChain, good, nice, kMaxMatch, &matchPos);
+
+        if (best >= kMinMatch) {
+            const long q = p + best;
+            const Ozr32u i1 = h1, i2 = h2;
+            if (q < end) ahead(q);
+            const long dist = p - matchPos;
+            litDst[written] = static_cast<Ozr8u>(best - 3);
+            distDst[written] = static_cast<Ozr16u>(dist);
+            ++written;
+            countMatch(litFreq, distFreq, best, dist);
+            if (best <= maxLazy) {
+                const auto enter = [&](long r, Ozr32u hr) {
+                    prev[r & wmask] = head[hr];
+                    head[hr] = static_cast<Ozr32s>(r);
+                };
+                enter(p + 1, i1);  // best >= 4: p + 1 .. p + 3 lie inside the match
+                enter(p + 2, i2);
+                enter(p + 3, h3);
+                for (long r = p + 4; r < q; ++r) {
+                    const Ozr32u hr = hashAt(r);
+                    prev[r & wmask] = head[hr];
+                    head[hr] = static_cast<Ozr32s>(r);
+                }
+            }
+            p = q;
+        } else {
+            const Ozr8u b = *pp;
+            litDst[written] = b;
+            distDst[written] = 0;
+            ++written;
+            ++litFreq[b].freq;
+            p += 1;
+            h = h1;
+            h1 = h2;
+            h2 = h3;
+        }
+    }
+    m.written = written;
+    m.nextPos = -1;
+    pRef = p;
+}
+
 // The greedy pass. Main phase: every match may be 258 long; tail (flush >= 2): matches
 // stop 3 bytes before the end, no goodLength cut; then literals.
 void runGreedy(Matcher& m, long& p, long e, Ozr32u freeEntries, Params prm, bool flushAll) {
@@ -139,7 +286,9 @@ void runGreedy(Matcher& m, long& p, long e, Ozr32u freeEntries, Params prm, bool
         mainEnd += 1;
         if (prm.maxLazy > 257) prm.maxLazy = 257;
     }
-    for (int phase = 0; phase < 2; ++phase) {
+    if (m.joined) greedyMain<true>(m, p, mainEnd, freeEntries, prm);
+    else greedyMain<false>(m, p, mainEnd, freeEntries, prm);
+    for (int phase = 1; phase < 2; ++phase) {
         const bool tail = phase == 1;
         if (tail && !flushAll) return;
         const long end = tail ? e - 3 : mainEnd;
@@ -148,9 +297,12 @@ void runGreedy(Matcher& m, long& p, long e, Ozr32u freeEntries, Params prm, bool
             if (p + 1 < end) m.prefetchHead(p + 1);
             const int maxLen = tail ? (e - 3 - p < kMaxMatch ? static_cast<int>(e - 3 - p) : kMaxMatch) : kMaxMatch;
             long pos = 0;
-            const int best = tail ? m.search<false>(p, cand, 3, prm.maxChain, prm.maxChain, prm.good, prm.nice, maxLen, &pos)
-                                  : m.search<true>(p, cand, 3, prm.maxChain, prm.maxChain, prm.good, prm.nice, maxLen, &pos);
+            const int best = tail ? m.search<false, false>(p, cand, 3, prm.maxChain, prm.maxChain, prm.good, prm.nice, maxLen, &pos)
+                                  : m.search<true, false>(p, cand, 3, prm.maxChain, prm.maxChain, prm.good, prm.nice, maxLen, &pos);
             if (best >= kMinMatch) {
+                // The next search starts after the match: ask for its head entry now,
+                // the inner insertions and the match's entry hide the wait.
+                if (p + best < end) m.prefetchHead(p + best);
                 m.match(best, p - pos);
                 if (best <= prm.maxLazy) m.insertRange(p + 1, p + best);
                 p += best;
@@ -168,7 +320,9 @@ void runGreedy(Matcher& m, long& p, long e, Ozr32u freeEntries, Params prm, bool
 
 // The lazy pass. The item of the previous position is pending as (P, D, B): P = 0
 // nothing, 3 the byte B as a literal, >= 4 a match of length P at distance D.
-void runLazy(Matcher& m, long& p, long e, Ozr32u freeEntries, const Params prm, bool flushAll) {
+template <bool Joined>
+__attribute__((always_inline)) inline void lazyPass(Matcher& m, long& p, long e, Ozr32u freeEntries, const Params prm,
+                                                    bool flushAll) {
     if (freeEntries < 2) return;
     const Ozr32u room = freeEntries - 1;  // one entry stays for the pending item
     int P = 0;
@@ -200,12 +354,15 @@ void runLazy(Matcher& m, long& p, long e, Ozr32u freeEntries, const Params prm, 
             if (P < prm.maxLazy) {
                 const int maxLen = tail ? (e - 3 - p < kMaxMatch ? static_cast<int>(e - 3 - p) : kMaxMatch) : kMaxMatch;
                 const Ozr32u limit = P < prm.good ? prm.maxChain : prm.maxChain / 4;
-                best = m.search<false>(p, cand, P > 3 ? P : 3, limit, prm.maxChain, prm.good, prm.nice, maxLen, &pos);
+                best = m.search<false, Joined>(p, cand, P > 3 ? P : 3, limit, prm.maxChain, prm.good, prm.nice, maxLen, &pos);
             }
             if (P > 1) {
                 if (P < best || P < kMinMatch) {
                     m.literal(B);
                 } else {
+                    // The next search is at the match's last byte: ask for its head
+                    // entry before the inner insertions.
+                    if (p + P - 1 < end) m.prefetchHead(p + P - 1);
                     m.match(P, D);
                     m.insertRange(p + 1, p + P - 1);
                     p += P - 2;
@@ -243,6 +400,16 @@ void runLazy(Matcher& m, long& p, long e, Ozr32u freeEntries, const Params prm, 
         }
 }
 
+// The lazy pass on a local copy of the matcher: the byte stores into the sequence
+// buffers could alias a matcher in memory, whose fields would then be reloaded after
+// each of them.
+template <bool Joined>
+void runLazy(Matcher& matcher, long& p, long e, Ozr32u freeEntries, const Params prm, bool flushAll) {
+    Matcher m = matcher;
+    lazyPass<Joined>(m, p, e, freeEntries, prm, flushAll);
+    matcher.written = m.written;
+}
+
 template <bool Lazy>
 OzrResult lz77(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx, const Ozr8u* pWindow, Ozr32u winSize,
                Ozr32s* pHashHead, Ozr32s* pHashPrev, Ozr32u hashSize, OzrDeflateFreqTable* pLitFreq,
@@ -269,8 +436,14 @@ OzrResult lz77(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx, const Ozr8
         idx = winSize;
     }
 
-    Matcher m{{*ppSrc, pWindow, static_cast<long>(idx), static_cast<long>(winSize)}, winSize - 1, pHashHead, pHashPrev,
-              hashSize - 1, pLitFreq, pDistFreq, pLitDst, pDistDst, 0};
+    // A window that ends where the source starts (a caller keeping its history in front
+    // of the unread bytes) is one address range with it: the matchers then see every
+    // candidate as source bytes and give window candidates the quick test too.
+    const bool joined = pWindow + winSize == *ppSrc;
+    const History hist = joined ? History{pWindow, pWindow, static_cast<long>(idx) - winSize, static_cast<long>(winSize)}
+                                : History{*ppSrc, pWindow, static_cast<long>(idx), static_cast<long>(winSize)};
+    Matcher m{hist, winSize - 1, pHashHead, pHashPrev, hashSize - 1, pLitFreq, pDistFreq, pLitDst, pDistDst, 0};
+    m.joined = joined;
     const Ozr32u freeEntries = *pDstLen;
     long p = idx;
     const long e = static_cast<long>(idx) + count;
@@ -282,7 +455,10 @@ OzrResult lz77(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr32u* pSrcIdx, const Ozr8
     } else {
         const auto clampParam = [](Ozr32u v) { return v > 65536 ? 65536 : static_cast<int>(v); };
         const Params prm{maxChain, clampParam(pParams[1]), clampParam(pParams[2]), clampParam(pParams[3])};
-        if constexpr (Lazy) runLazy(m, p, e, freeEntries, prm, flushAll);
+        if constexpr (Lazy) {
+            if (m.joined) runLazy<true>(m, p, e, freeEntries, prm, flushAll);
+            else runLazy<false>(m, p, e, freeEntries, prm, flushAll);
+        }
         else runGreedy(m, p, e, freeEntries, prm, flushAll);
     }
     const Ozr32u consumed = static_cast<Ozr32u>(p - static_cast<long>(idx));

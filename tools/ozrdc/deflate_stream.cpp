@@ -95,20 +95,27 @@ void fail(OzrResult st, const char* what) {
     if (st < 0) throw ToolError(std::string("deflate: ") + what + " failed with status " + std::to_string(st));
 }
 
-// The input buffer with its history in front.
+// The input buffer with its history in front; or, for input already in memory, that
+// memory read in place (the window of the first 32 KiB then comes from a copy with
+// zeros in front of it).
 class Input {
 public:
-    Input(const Source& in, Check& check) : in_(in), check_(check), buf_(kWin + kBufData, 0) {}
+    Input(const Source& in, Check& check) : in_(&in), check_(check), buf_(kWin + kBufData, 0), base_(buf_.data()) {}
+    Input(const Ozr8u* data, size_t n, Check& check)
+        : check_(check), buf_(2 * kWin, 0), base_(n ? data : buf_.data() + kWin), pos_(0), fill_(n), eof_(true) {
+        if (n) std::memcpy(buf_.data() + kWin, data, n < kWin ? n : kWin);
+        check_.update(data, n);
+    }
     // Unread bytes from the current position.
-    const Ozr8u* cur() const { return buf_.data() + pos_; }
+    const Ozr8u* cur() const { return base_ + pos_; }
     size_t unread() const { return fill_ - pos_; }
     bool eof() const { return eof_; }
     void advance(size_t n) { pos_ += n; }
     // The 32 KiB before cur(); zeros before the start of the input.
-    const Ozr8u* window() const { return buf_.data() + pos_ - kWin; }
+    const Ozr8u* window() const { return in_ || pos_ >= kWin ? base_ + pos_ - kWin : buf_.data() + pos_; }
     // Offset of cur() from the buffer start, to keep a block's bytes addressable.
     size_t pos() const { return pos_; }
-    const Ozr8u* at(size_t p) const { return buf_.data() + p; }
+    const Ozr8u* at(size_t p) const { return base_ + p; }
     // Reads more unless at the end of the input; keeps bytes from `keepFrom` (a buffer
     // offset) on, at least the history. Returns how far `keepFrom`-based offsets moved.
     size_t refill(size_t keepFrom) {
@@ -123,7 +130,7 @@ public:
             moved = from;
         }
         while (fill_ < buf_.size() && !eof_) {
-            const size_t got = in_(buf_.data() + fill_, buf_.size() - fill_);
+            const size_t got = (*in_)(buf_.data() + fill_, buf_.size() - fill_);
             if (got == 0) eof_ = true;
             check_.update(buf_.data() + fill_, got);
             fill_ += got;
@@ -132,9 +139,10 @@ public:
     }
 
 private:
-    const Source& in_;
+    const Source* in_ = nullptr;  // none: the input is all at base_
     Check& check_;
     std::vector<Ozr8u> buf_;
+    const Ozr8u* base_;
     size_t pos_ = kWin, fill_ = kWin;
     bool eof_ = false;
 };
@@ -266,11 +274,12 @@ void deflateFastest(Input& in, BitStream& bs) {
     }
 }
 
-void run(const Source& r, const Sink& w, const CompressOptions& opts, Container kind) {
+// Compresses from a reader (r) or from memory (mem, n) to the sink.
+void run(const Source* r, const Ozr8u* mem, size_t n, const Sink& w, const CompressOptions& opts, Container kind) {
     const int level = opts.level.value_or(6);
     if (level < 0 || level > 29) throw ToolError("deflate: level must be 0..29 (1..9 as in gzip, 10..29 the other tunings)");
     Check check{kind};
-    Input in(r, check);
+    Input in = r ? Input(*r, check) : Input(mem, n, check);
     BitStream bs(w);
     if (kind == Container::Zlib) {
         // CMF: deflate, 32 KiB window; FLG: the level class, FCHECK making it a multiple of 31.
@@ -306,7 +315,7 @@ namespace {
 void fromFile(Reader& in, Writer& out, const CompressOptions& opts, Container kind) {
     const Source r = [&](Ozr8u* p, size_t n) { return in.read(p, n); };
     const Sink w = [&](const Ozr8u* p, size_t n) { out.write(p, n); };
-    run(r, w, opts, kind);
+    run(&r, nullptr, 0, w, opts, kind);
 }
 }  // namespace
 
@@ -316,15 +325,8 @@ void compressGzip(Reader& in, Writer& out, const CompressOptions& opts) { fromFi
 
 void deflateRawInMemory(const uint8_t* src, size_t n, std::vector<uint8_t>& dst, const CompressOptions& opts) {
     dst.clear();
-    size_t at = 0;
-    const Source r = [&](Ozr8u* p, size_t k) {
-        k = k < n - at ? k : n - at;
-        if (k) std::memcpy(p, src + at, k);
-        at += k;
-        return k;
-    };
     const Sink w = [&](const Ozr8u* p, size_t k) { dst.insert(dst.end(), p, p + k); };
-    run(r, w, opts, Container::Raw);
+    run(nullptr, src, n, w, opts, Container::Raw);
 }
 
 }  // namespace ozrdc_tool

@@ -11,7 +11,8 @@ void compressDeflateRaw(Reader& in, Writer& out, const CompressOptions& opts);
 void compressZlib(Reader& in, Writer& out, const CompressOptions& opts);
 void compressGzip(Reader& in, Writer& out, const CompressOptions& opts);
 
-// The raw writer from memory to memory (the benchmark's entry; the same code path).
+// The raw writer from memory to memory (the benchmark's entry; the same writer, reading
+// the input in place instead of through the input buffer).
 void deflateRawInMemory(const uint8_t* src, size_t n, std::vector<uint8_t>& dst, const CompressOptions& opts);
 
 }  // namespace ozrdc_tool
