@@ -463,7 +463,7 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColu
     if (!kept) lmsPositions(T, n, SA + n);
     if (distinct == m) {
         for (int k = 0; k < m; ++k) SA[distinct - names[lms[k] >> 1]] = lms[k];
-    } else if (8 * static_cast<Ozr64s>(m - distinct) <= m && doublingRoom(m, distinct) <= ws.words) {
+    } else if (4 * static_cast<Ozr64s>(m - distinct) <= m && doublingRoom(m, distinct) <= ws.words) {
         // Few names repeat: prefix doubling on them, the ranks in place of the names
         // (lms[k] / 2 >= k, so rank k overwrites a name already read).
         for (int k = 0; k < m; ++k) names[k] = distinct - names[lms[k] >> 1];
