@@ -13,8 +13,8 @@
 // position is an S-type position whose predecessor is L-type. One induced pass
 // (LMS seeds at their bucket ends -> L-types left to right -> S-types right to
 // left) sorts the LMS substrings; they are named, and the string of names is
-// sorted recursively when names repeat; a second pass from the sorted LMS
-// suffixes gives the suffix array.
+// sorted recursively when names repeat (by prefix doubling when only a few do); a
+// second pass from the sorted LMS suffixes gives the suffix array.
 //
 // No type table: the passes and scans tell types from neighbouring bytes. In the
 // left-to-right pass, the entries met are L-type or LMS, and j - 1 is L-type
