@@ -884,6 +884,12 @@ TEST(BWTForward, SuffixSorterIsExactWhateverItsWorkspaceAndNameWidth) {
     Bytes nearPeriodic = periodicBytes(30000, 1000, 10);  // byte-wide names one level down
     nearPeriodic[15000] ^= 1;
     blocks.push_back(nearPeriodic);
+    // Few repeated names, sorted by prefix doubling: a long copy (pairs that need
+    // many rounds) and a snippet seen 24 times (groups past insertion sort).
+    Bytes copies = randomBytes(200000, 11);
+    std::copy(copies.begin() + 20000, copies.begin() + 28000, copies.begin() + 100000);
+    for (size_t k = 0; k < 24; ++k) std::copy(copies.begin() + 5000, copies.begin() + 5300, copies.begin() + 130000 + 2000 * k);
+    blocks.push_back(copies);
     Bytes alternating(3000);  // an LMS position every second byte: the reduced string fills half of SA
     for (size_t i = 0; i < alternating.size(); ++i) alternating[i] = i % 2 ? 'a' : 'b';
     blocks.push_back(alternating);

@@ -13,8 +13,8 @@
 // position is an S-type position whose predecessor is L-type. One induced pass
 // (LMS seeds at their bucket ends -> L-types left to right -> S-types right to
 // left) sorts the LMS substrings; they are named, and the string of names is
-// sorted recursively when names repeat; a second pass from the sorted LMS
-// suffixes gives the suffix array.
+// sorted recursively when names repeat (by prefix doubling when only a few do); a
+// second pass from the sorted LMS suffixes gives the suffix array.
 //
 // No type table: the passes and scans tell types from neighbouring bytes. In the
 // left-to-right pass, the entries met are L-type or LMS, and j - 1 is L-type
@@ -286,6 +286,110 @@ inline Ozr32s* take(SaisWorkspace* ws, size_t words) {
     return p;
 }
 
+// Sorts key[0, size): insertion sort for small groups, heap sort (no quadratic
+// case) for the rest.
+void sortKeys(Ozr64u* key, int size) {
+    if (size <= 16) {
+        for (int i = 1; i < size; ++i) {
+            Ozr64u v = key[i];
+            int j = i;
+            for (; j > 0 && key[j - 1] > v; --j) key[j] = key[j - 1];
+            key[j] = v;
+        }
+        return;
+    }
+    auto sift = [key](int i, int end) {
+        Ozr64u v = key[i];
+        for (int c = 2 * i + 1; c < end; c = 2 * i + 1) {
+            if (c + 1 < end && key[c + 1] > key[c]) ++c;
+            if (key[c] <= v) break;
+            key[i] = key[c];
+            i = c;
+        }
+        key[i] = v;
+    };
+    for (int i = size / 2 - 1; i >= 0; --i) sift(i, size);
+    for (int end = size - 1; end > 0; --end) {
+        Ozr64u v = key[0];
+        key[0] = key[end];
+        key[end] = v;
+        sift(0, end);
+    }
+}
+
+// Suffix order of the reduced string when few of its names repeat (prefix doubling,
+// Larsson and Sadakane, "Faster suffix sorting", 2007): cheaper than a level of
+// induced sorting whose alphabet is nearly as large as its string, since only the
+// groups of equal names take part. rank[0, m) holds the names (0 .. distinct - 1,
+// rising with the order) and is overwritten; SA[0, m) gets the sorted indices into
+// the reduced string. Each entry's rank becomes the last slot of its group; a group
+// is split by the rank h places further on (the end of the string below every
+// rank), which sorts it by twice as many names, h = 1, 2, 4, ...: at most log2(m)
+// rounds over the entries still in groups. Ranks refined earlier in a round only
+// order more finely, which keeps the keys consistent. ws holds doublingRoom words.
+// Workspace words doublingSort needs: the group starts, two lists of groups of two
+// or more (at most m - distinct of them in any round) and the keys of the largest
+// group (at most m - distinct + 1 entries, 64 bits each, aligned).
+inline size_t doublingRoom(int m, int distinct) {
+    size_t dup = static_cast<size_t>(m - distinct);
+    return static_cast<size_t>(distinct) + 1 + 4 * dup + 2 * (dup + 1) + 1;
+}
+
+void doublingSort(Ozr32s* rank, Ozr32s* SA, int m, int distinct, SaisWorkspace ws) {
+    size_t dup = static_cast<size_t>(m - distinct);
+    Ozr32s* start = ws.base;
+    Ozr32s* cur = start + distinct + 1;
+    Ozr32s* nxt = cur + 2 * dup;
+    Ozr32s* keyWords = nxt + 2 * dup;
+    Ozr64u* key = reinterpret_cast<Ozr64u*>(keyWords + (reinterpret_cast<uintptr_t>(keyWords) & 4 ? 1 : 0));
+    for (int c = 0; c <= distinct; ++c) start[c] = 0;
+    for (int k = 0; k < m; ++k) ++start[rank[k] + 1];
+    for (int c = 0; c < distinct; ++c) start[c + 1] += start[c];
+    for (int k = 0; k < m; ++k) SA[start[rank[k]]++] = k;
+    // start[c] is now the end of group c.
+    int groups = 0;
+    for (int c = 0, begin = 0; c < distinct; begin = start[c++]) {
+        if (start[c] - begin > 1) {
+            cur[2 * groups] = begin;
+            cur[2 * groups + 1] = start[c] - 1;
+            ++groups;
+        }
+    }
+    for (int k = 0; k < m; ++k) rank[k] = start[rank[k]] - 1;
+    for (Ozr64s h = 1; groups > 0; h *= 2) {
+        int next = 0;
+        for (int g = 0; g < groups; ++g) {
+            Ozr32s lo = cur[2 * g], hi = cur[2 * g + 1];
+            int size = hi - lo + 1;
+            for (int x = 0; x < size; ++x) {
+                Ozr32s k = SA[lo + x];
+                Ozr64u r = k + h < m ? static_cast<Ozr64u>(rank[k + h]) + 1 : 0;
+                key[x] = r << 32 | static_cast<Ozr32u>(k);
+            }
+            sortKeys(key, size);
+            for (int x = 0; x < size;) {
+                int y = x;
+                while (y + 1 < size && (key[y + 1] >> 32) == (key[x] >> 32)) ++y;
+                for (int z = x; z <= y; ++z) {
+                    Ozr32s k = static_cast<Ozr32s>(key[z] & 0xFFFFFFFFu);
+                    SA[lo + z] = k;
+                    rank[k] = lo + y;
+                }
+                if (y > x) {
+                    nxt[2 * next] = lo + x;
+                    nxt[2 * next + 1] = lo + y;
+                    ++next;
+                }
+                x = y + 1;
+            }
+        }
+        Ozr32s* t = cur;
+        cur = nxt;
+        nxt = t;
+        groups = next;
+    }
+}
+
 // Suffix array of T[0, n) over the alphabet [0, K) into SA[0, n), or, with `out`,
 // its last column. Returns false when the workspace is too small for a level's
 // tables (above 256 symbols K words three times, n / 2 + 1 words for names, and at
@@ -359,6 +463,15 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColu
     if (!kept) lmsPositions(T, n, SA + n);
     if (distinct == m) {
         for (int k = 0; k < m; ++k) SA[distinct - names[lms[k] >> 1]] = lms[k];
+    } else if (4 * static_cast<Ozr64s>(m - distinct) <= m && doublingRoom(m, distinct) <= ws.words) {
+        // Few names repeat: prefix doubling on them, the ranks in place of the names
+        // (lms[k] / 2 >= k, so rank k overwrites a name already read).
+        for (int k = 0; k < m; ++k) names[k] = distinct - names[lms[k] >> 1];
+        doublingSort(names, SA, m, distinct, ws);
+        for (int r = 0; r < m; ++r) {
+            if (r + kAhead < m) __builtin_prefetch(&lms[SA[r + kAhead]]);
+            SA[r] = lms[SA[r]];
+        }
     } else {
         // The deeper levels take the larger of the workspace and the gap between
         // the reduced string and its suffix array.
