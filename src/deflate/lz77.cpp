@@ -42,6 +42,22 @@ __attribute__((always_inline)) inline Ozr32u hashBytes(const Ozr8u* p) {
     return randVec.v[p[0]] ^ randVec.v[256 + p[1]] ^ randVec.v[512 + p[2]] ^ randVec.v[768 + p[3]];
 }
 
+// The hash's four rows packed per byte value, row 3 - k in 16-bit lane k: one 8-byte
+// load gives a byte's share of the hashes of all four positions whose 4 bytes hold it.
+// Shifting a running word down a lane per byte and adding the next byte's entry
+// leaves the complete hash of the position 3 bytes back in lane 0.
+struct PackedRows {
+    Ozr64u v[256];
+};
+constexpr PackedRows makePackedRows() {
+    PackedRows r{};
+    for (int b = 0; b < 256; ++b)
+        r.v[b] = static_cast<Ozr64u>(randVec.v[768 + b]) | static_cast<Ozr64u>(randVec.v[512 + b]) << 16 |
+                 static_cast<Ozr64u>(randVec.v[256 + b]) << 32 | static_cast<Ozr64u>(randVec.v[b]) << 48;
+    return r;
+}
+inline constexpr PackedRows kPackedRows = makePackedRows();
+
 // Counts a match's length and distance symbols. Near and far distances alternate
 // unpredictably: the distance code's table slot is picked without a branch.
 __attribute__((always_inline)) inline void countMatch(OzrDeflateFreqTable* litFreq, OzrDeflateFreqTable* distFreq,
@@ -91,32 +107,23 @@ struct Matcher : History {
         enterRun(from + 1, to);
     }
     // Enters positions from .. to - 1 (the last byte read is that of to - 1 + 3). The
-    // loop is bound by its loads: four positions take their 7 bytes from one 8-byte
-    // load (its 8th byte lies before the last one read while 5 positions remain), and
-    // the tables and masks are locals (the table stores could alias the matcher's
-    // fields, which would then be reloaded after each).
+    // loop is bound by its loads: each position costs one byte and one packed-row load
+    // (instead of four row loads), and the tables and masks are locals (the table
+    // stores could alias the matcher's fields, which would then be reloaded after each).
     __attribute__((always_inline)) void enterRun(long from, long to) const {
+        if (from >= to) return;
         Ozr32s* const hd = head;
         Ozr32s* const pv = prev;
         const Ozr32u hm = hmask, wm = wmask;
-        const Ozr16u* const t = randVec.v;
-        const auto enter = [&](long q, Ozr32u h) {
-            h &= hm;
+        const Ozr64u* const t = kPackedRows.v;
+        const Ozr8u* s = at(from);
+        Ozr64u acc = (((t[s[0]] >> 16) ^ t[s[1]]) >> 16) ^ t[s[2]];
+        for (long q = from; q < to; ++q, ++s) {
+            acc = (acc >> 16) ^ t[s[3]];
+            const Ozr32u h = static_cast<Ozr32u>(acc) & hm;
             pv[q & wm] = hd[h];
             hd[h] = static_cast<Ozr32s>(q);
-        };
-        long q = from;
-        const Ozr8u* s = at(q);
-        for (; q + 5 <= to; q += 4, s += 4) {
-            const Ozr64u w = load64(s);
-            const Ozr32u b0 = w & 0xFF, b1 = (w >> 8) & 0xFF, b2 = (w >> 16) & 0xFF, b3 = (w >> 24) & 0xFF,
-                         b4 = (w >> 32) & 0xFF, b5 = (w >> 40) & 0xFF, b6 = (w >> 48) & 0xFF;
-            enter(q, t[b0] ^ t[256 + b1] ^ t[512 + b2] ^ t[768 + b3]);
-            enter(q + 1, t[b1] ^ t[256 + b2] ^ t[512 + b3] ^ t[768 + b4]);
-            enter(q + 2, t[b2] ^ t[256 + b3] ^ t[512 + b4] ^ t[768 + b5]);
-            enter(q + 3, t[b3] ^ t[256 + b4] ^ t[512 + b5] ^ t[768 + b6]);
         }
-        for (; q < to; ++q, ++s) enter(q, hashBytes(s));
     }
     // Takes position p back out of the chains; positions must be removed newest first.
     void remove(long p) { head[hash4(at(p)) & hmask] = prev[p & wmask]; }
