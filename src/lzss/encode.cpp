@@ -95,6 +95,26 @@ inline unsigned matchLength(const Ozr8u* a, const Ozr8u* b, unsigned maxLen) {
     return k;
 }
 
+// Bit k set where a[k] != b[k], k < 16.
+inline unsigned differ16(const Ozr8u* a, const Ozr8u* b) {
+    return unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(a)),
+                                                     _mm_loadu_si128(reinterpret_cast<const __m128i*>(b))))) ^
+           0xFFFFu;
+}
+// matchLength(a, b, maxLen) for 16 <= maxLen when the first 16 bytes are known to agree.
+// The last step compares the 16 bytes that end at maxLen, overlapping bytes already
+// known equal: no byte-wise tail, and nothing read before a or from maxLen on.
+inline unsigned matchLengthFrom16(const Ozr8u* a, const Ozr8u* b, unsigned maxLen) {
+    unsigned k = 16;
+    for (; k + 16 <= maxLen; k += 16) {
+        const unsigned x = differ16(a + k, b + k);
+        if (x != 0) return k + m7::trailingZeros64(x);
+    }
+    if (k == maxLen) return k;
+    const unsigned x = differ16(a + maxLen - 16, b + maxLen - 16);
+    return x != 0 ? maxLen - 16 + m7::trailingZeros64(x) : maxLen;
+}
+
 // Moves every table entry down by r (a multiple of 32768, so chain slots stay put);
 // entries that would fall below the empty mark become it (they were out of reach).
 void rebase(OzrLZSSEncoderState& s, Ozr32s r) {
@@ -195,7 +215,7 @@ Ozr32u searchLong(Ozr32s c, Ozr32u p, const Ozr8u* ip, unsigned maxLen, const Oz
             // length so far and the byte before, as any longer match must.
             const unsigned best = key >> 16;
             if (best < 16 || load16(m + best - 1) == load16(ip + best - 1)) {
-                const unsigned len = 16 + matchLength(m + 16, ip + 16, maxLen - 16);
+                const unsigned len = matchLengthFrom16(m, ip, maxLen);
                 const Ozr32u cand = len << 16 | (kMaxDistance - d);
                 key = cand > key ? cand : key;
                 if (len >= maxLen) break;
