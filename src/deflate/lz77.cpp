@@ -37,11 +37,6 @@ __attribute__((always_inline)) inline int commonLength16(const Ozr8u* a, const O
     return i + commonLength(a + i, b + i, n - i);
 }
 
-// The randVec hash from four byte loads (no shifts to take the word apart).
-__attribute__((always_inline)) inline Ozr32u hashBytes(const Ozr8u* p) {
-    return randVec.v[p[0]] ^ randVec.v[256 + p[1]] ^ randVec.v[512 + p[2]] ^ randVec.v[768 + p[3]];
-}
-
 // The hash's four rows packed per byte value, row 3 - k in 16-bit lane k: one 8-byte
 // load gives a byte's share of the hashes of all four positions whose 4 bytes hold it.
 // Shifting a running word down a lane per byte and adding the next byte's entry
@@ -57,6 +52,22 @@ constexpr PackedRows makePackedRows() {
     return r;
 }
 inline constexpr PackedRows kPackedRows = makePackedRows();
+
+// Enters positions q0 .. q0 + n - 1, whose bytes start at s (the last byte read is
+// s[n + 2]), into the head and previous tables. The loop is bound by its loads: each
+// position costs one byte and one packed-row load instead of four row loads.
+__attribute__((always_inline)) inline void enterRun(const Ozr8u* s, long q0, long n, Ozr32s* hd, Ozr32s* pv,
+                                                    Ozr32u hm, Ozr32u wm) {
+    if (n <= 0) return;
+    const Ozr64u* const t = kPackedRows.v;
+    Ozr64u acc = (((t[s[0]] >> 16) ^ t[s[1]]) >> 16) ^ t[s[2]];
+    for (long i = 0; i < n; ++i) {
+        acc = (acc >> 16) ^ t[s[i + 3]];
+        const Ozr32u h = static_cast<Ozr32u>(acc) & hm;
+        pv[(q0 + i) & wm] = hd[h];
+        hd[h] = static_cast<Ozr32s>(q0 + i);
+    }
+}
 
 // Counts a match's length and distance symbols. Near and far distances alternate
 // unpredictably: the distance code's table slot is picked without a branch.
@@ -88,42 +99,25 @@ struct Matcher : History {
     // matchers ask for the next position's while they work on this one.
     // The hash is kept for the insertion of that position.
     void prefetchHead(long p) {
-        nextHash = hashBytes(at(p)) & hmask;
+        nextHash = hash4(at(p)) & hmask;
         nextPos = p;
         __builtin_prefetch(head + nextHash, 1);
     }
 
     // Enters position p (its 4 bytes lie in the source) and returns the old head.
     Ozr32s insert(long p) {
-        const Ozr32u h = p == nextPos ? nextHash : hashBytes(at(p)) & hmask;
+        const Ozr32u h = p == nextPos ? nextHash : hash4(at(p)) & hmask;
         const Ozr32s old = head[h];
         prev[p & wmask] = old;
         head[h] = static_cast<Ozr32s>(p);
         return old;
     }
+    // The tables and masks go in as values: the table stores could alias the matcher's
+    // fields, which would then be reloaded after each.
     void insertRange(long from, long to) {  // positions from .. to - 1
         if (from >= to) return;
         insert(from);  // its hash may be the one computed ahead
-        enterRun(from + 1, to);
-    }
-    // Enters positions from .. to - 1 (the last byte read is that of to - 1 + 3). The
-    // loop is bound by its loads: each position costs one byte and one packed-row load
-    // (instead of four row loads), and the tables and masks are locals (the table
-    // stores could alias the matcher's fields, which would then be reloaded after each).
-    __attribute__((always_inline)) void enterRun(long from, long to) const {
-        if (from >= to) return;
-        Ozr32s* const hd = head;
-        Ozr32s* const pv = prev;
-        const Ozr32u hm = hmask, wm = wmask;
-        const Ozr64u* const t = kPackedRows.v;
-        const Ozr8u* s = at(from);
-        Ozr64u acc = (((t[s[0]] >> 16) ^ t[s[1]]) >> 16) ^ t[s[2]];
-        for (long q = from; q < to; ++q, ++s) {
-            acc = (acc >> 16) ^ t[s[3]];
-            const Ozr32u h = static_cast<Ozr32u>(acc) & hm;
-            pv[q & wm] = hd[h];
-            hd[h] = static_cast<Ozr32s>(q);
-        }
+        m7::deflate::enterRun(at(from + 1), from + 1, to - from - 1, head, prev, hmask, wmask);
     }
     // Takes position p back out of the chains; positions must be removed newest first.
     void remove(long p) { head[hash4(at(p)) & hmask] = prev[p & wmask]; }
@@ -219,7 +213,7 @@ void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Para
     const int good = prm.good, nice = prm.nice, maxLazy = prm.maxLazy;
     Ozr32u written = m.written;
     long p = pRef;
-    const auto hashAt = [&](long q) { return hashBytes(base + q) & hmask; };
+    const auto hashAt = [&](long q) { return hash4(base + q) & hmask; };
     // Hashes of p .. p + 2, their head entries requested: three positions ahead, so
     // that a match's first inner insertions and the positions after a literal find
     // their entries on the way.
@@ -261,6 +255,8 @@ void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Para
                 enter(p + 1, i1);  // best >= 4: p + 1 .. p + 3 lie inside the match
                 enter(p + 2, i2);
                 enter(p + 3, h3);
+                // The rest one hash at a time: these runs are short, and enterRun's
+                // three-load start measured slower here than it saves.
                 for (long r = p + 4; r < q; ++r) {
                     const Ozr32u hr = hashAt(r);
                     prev[r & wmask] = head[hr];
@@ -481,12 +477,7 @@ void enterPositions(const Ozr8u* src, Ozr32u base, Ozr32u n, Ozr32s* head, Ozr32
                     Ozr32u winSize, int level) {
     const Ozr32u hmask = hashSize - 1, wmask = winSize - 1;
     if (level > 0) {
-        for (Ozr32u i = 0; i < n; ++i) {
-            const Ozr32u h = hash4(src + i) & hmask;
-            const Ozr32u q = base + i;
-            prev[q & wmask] = head[h];
-            head[h] = static_cast<Ozr32s>(q);
-        }
+        enterRun(src, base, n, head, prev, hmask, wmask);
         return;
     }
     // Level 0: the 3-byte rolling hash, heads only.
