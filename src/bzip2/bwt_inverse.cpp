@@ -18,23 +18,6 @@ namespace {
 
 constexpr int kMaxPackedLen = 1 << 24;
 
-// Byte counts of src: four tables so that runs of one byte value do not chain
-// every increment through the same counter.
-void countBytes(const Ozr8u* src, int n, Ozr32u* counts) {
-    Ozr32u c[4][256];
-    for (int t = 0; t < 4; ++t)
-        for (int v = 0; v < 256; ++v) c[t][v] = 0;
-    int i = 0;
-    for (; i + 4 <= n; i += 4) {
-        ++c[0][src[i]];
-        ++c[1][src[i + 1]];
-        ++c[2][src[i + 2]];
-        ++c[3][src[i + 3]];
-    }
-    for (; i < n; ++i) ++c[0][src[i]];
-    for (int v = 0; v < 256; ++v) counts[v] = c[0][v] + c[1][v] + c[2][v] + c[3][v];
-}
-
 // Exclusive running sums of the counts: the first row of each leading byte.
 void firstRows(const Ozr32u* counts, Ozr32u* start) {
     Ozr32u sum = 0;
@@ -437,7 +420,7 @@ OzrResult m7_ozrsBWTInv_8u(const Ozr8u* pSrc, Ozr8u* pDst, int n, int index, Ozr
     // The 1024 bytes of counters are kept on the stack; the slack serves to align
     // the link array for 32-bit access.
     Ozr32u counts[256];
-    countBytes(pSrc, n, counts);
+    m7::bz2::countBytes(pSrc, n, counts);
     Ozr8u* aligned = pBuffer + ((4 - (reinterpret_cast<uintptr_t>(pBuffer) & 3)) & 3);
     m7_ownsBWTInv_8u(pSrc, pDst, n, index, counts, reinterpret_cast<Ozr32u*>(aligned));
     return ozrOk;

@@ -54,22 +54,12 @@ constexpr int kAhead = 32;  // entries fetched ahead in the loops that follow SA
 
 template <class C>
 void countSymbols(const C* T, int n, int K, Ozr32s* counts) {
-    for (int c = 0; c < K; ++c) counts[c] = 0;
-    int i = 0;
     if constexpr (sizeof(C) == 1) {
-        // Four tables, so that runs of one byte do not chain their increments.
-        Ozr32s more[3][256];
-        for (int t = 0; t < 3; ++t)
-            for (int c = 0; c < 256; ++c) more[t][c] = 0;
-        for (; i + 4 <= n; i += 4) {
-            ++counts[T[i]];
-            ++more[0][T[i + 1]];
-            ++more[1][T[i + 2]];
-            ++more[2][T[i + 3]];
-        }
-        for (int c = 0; c < 256; ++c) counts[c] += more[0][c] + more[1][c] + more[2][c];
+        m7::bz2::countBytes(T, n, counts, K);
+    } else {
+        for (int c = 0; c < K; ++c) counts[c] = 0;
+        for (int i = 0; i < n; ++i) ++counts[T[i]];
     }
-    for (; i < n; ++i) ++counts[T[i]];
 }
 
 inline void bucketHeads(const Ozr32s* counts, int K, Ozr32s* b) {

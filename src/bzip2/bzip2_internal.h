@@ -27,3 +27,26 @@ void m7_ownsBWTInvLinked_8u(Ozr32u* pLink, Ozr8u* pDst, int n, int index, const 
 void m7_ownsBWTInvWalkBack_8u(Ozr32u* pLink, Ozr8u* pDst, int n, int index);
 
 }  // extern "C"
+
+namespace m7::bz2 {
+
+// Counts of the values of src[0, n) (all below K <= 256) into counts[0, K): four
+// tables, so that runs of one value do not chain every increment through the same
+// counter.
+template <class Count>
+inline void countBytes(const Ozr8u* src, int n, Count* counts, int K = 256) {
+    Count c[4][256];
+    for (int t = 0; t < 4; ++t)
+        for (int v = 0; v < 256; ++v) c[t][v] = 0;
+    int i = 0;
+    for (; i + 4 <= n; i += 4) {
+        ++c[0][src[i]];
+        ++c[1][src[i + 1]];
+        ++c[2][src[i + 2]];
+        ++c[3][src[i + 3]];
+    }
+    for (; i < n; ++i) ++c[0][src[i]];
+    for (int v = 0; v < K; ++v) counts[v] = c[0][v] + c[1][v] + c[2][v] + c[3][v];
+}
+
+}  // namespace m7::bz2
