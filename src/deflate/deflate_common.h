@@ -86,6 +86,33 @@ __attribute__((always_inline)) inline Ozr32u hash4(const Ozr8u* p) {
     return randVec.v[p[0]] ^ randVec.v[256 + p[1]] ^ randVec.v[512 + p[2]] ^ randVec.v[768 + p[3]];
 }
 
+// Deflate's LSB-first bit stream through a 64-bit buffer: codes go in above the
+// pending bits, whole bytes go out with one blind 8-byte store (8 bytes of room) or
+// byte by byte at the end of the room.
+struct BitWriter {
+    Ozr64u buf;
+    Ozr32u n;  // valid bits in buf, below 64 - 48 before each entry
+    Ozr8u* out;
+
+    void put(Ozr32u bits, Ozr32u len) {
+        buf |= static_cast<Ozr64u>(bits) << n;
+        n += len;
+    }
+    void flushBlind() {  // n <= 7 + 48: the shift stays below 64; 8 bytes of room
+        store64(out, buf);
+        out += n >> 3;
+        buf >>= n & ~7u;
+        n &= 7;
+    }
+    void flushBytes() {
+        while (n >= 8) {
+            *out++ = static_cast<Ozr8u>(buf);
+            buf >>= 8;
+            n -= 8;
+        }
+    }
+};
+
 inline bool winSizeOk(Ozr32u w) { return w >= 256 && w <= 32768; }
 inline bool hashSizeOk(Ozr32u h) { return h >= 256 && h <= 65536; }
 

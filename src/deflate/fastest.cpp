@@ -45,22 +45,6 @@ struct Heads {
     void set(Ozr32u hv, long p) { t[hv] = static_cast<Ozr16u>(p); }
 };
 
-struct BitOut {
-    Ozr64u buf;
-    Ozr32u n;
-    Ozr8u* out;
-    void put(Ozr32u bits, Ozr32u len) {
-        buf |= static_cast<Ozr64u>(bits) << n;
-        n += len;
-    }
-    void flush() {  // 8 bytes of room required
-        store64(out, buf);
-        out += n >> 3;
-        buf >>= (n & ~7u);
-        n &= 7;
-    }
-};
-
 // Writes codes through a 64-bit buffer that holds at most 7 bits between items:
 // every item ends with a branch-free flush (an 8-byte store), a match's codes and
 // extra bits (at most 20 + 28) fit behind the 7 pending bits. Room is checked once
@@ -80,7 +64,7 @@ struct CodeSink {
         Ozr8u n;       // total bit count
         Ozr16u base;   // distance - 1 of the code's first distance
     };
-    BitOut w;
+    BitWriter w;
     Ozr8u* end;
     const OzrDeflateHuffCode* lc;
     Ozr32u* litStat;
@@ -88,7 +72,7 @@ struct CodeSink {
     LenCode lenTab[256];
     DistCode distTab[30];
 
-    CodeSink(const BitOut& out, Ozr8u* e, const OzrDeflateHuffCode* litCodes, const OzrDeflateHuffCode* distCodes,
+    CodeSink(const BitWriter& out, Ozr8u* e, const OzrDeflateHuffCode* litCodes, const OzrDeflateHuffCode* distCodes,
              Ozr32u* ls, Ozr32u* ds)
         : w(out), end(e), lc(litCodes), litStat(ls), distStat(ds) {
         for (int l = 0; l < 256; ++l) {
@@ -105,7 +89,7 @@ struct CodeSink {
     void literal(Ozr8u b) {
         if constexpr (Count) ++litStat[b];
         w.put(lc[b].code, lc[b].len);
-        w.flush();
+        w.flushBlind();
     }
     void match(int len, long dist) {
         const LenCode& lt = lenTab[len - 3];
@@ -115,7 +99,7 @@ struct CodeSink {
         const DistCode& dt = distTab[k];
         w.put(lt.bits, lt.n);
         w.put(dt.code | (static_cast<Ozr32u>(e - dt.base) << dt.len), dt.n);
-        w.flush();
+        w.flushBlind();
         if constexpr (Count) {
             ++litStat[257 + lt.sym];
             ++distStat[k];
@@ -326,7 +310,7 @@ OzrResult m7_ozrsDeflateLZ77Fastest_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr
         idx -= (idx - winSize) & ~0xFFFFu;  // the slots hold positions modulo 65536
     const History h{*ppSrc, pWindow, static_cast<long>(idx), static_cast<long>(winSize)};
     const Ozr32u pend = *pCodeLenBits;
-    BitOut w{*pCode & ((1ull << pend) - 1), pend, pDst + *pDstIdx};
+    BitWriter w{*pCode & ((1ull << pend) - 1), pend, pDst + *pDstIdx};
     long p = idx;
     const long e = static_cast<long>(idx) + count;
     // The caller's window may be the bytes right before the source (one buffer).
@@ -334,7 +318,7 @@ OzrResult m7_ozrsDeflateLZ77Fastest_8u(const Ozr8u** ppSrc, Ozr32u* pSrcLen, Ozr
     const auto code = [&](auto& sink) {
         bool done = false;
         if (sink.room()) {
-            sink.w.flush();
+            sink.w.flushBlind();
             const Heads hd = headsOver(pHashHead, hashSize);
             done = flat ? fastestCore<true>(h, hd, p, e, flushAll, sink) : fastestCore<false>(h, hd, p, e, flushAll, sink);
             if (done && flush >= 3) {  // end of block after everything was coded

@@ -12,30 +12,6 @@
 namespace m7::deflate {
 namespace {
 
-struct BitWriter {
-    Ozr64u buf;
-    Ozr32u n;  // valid bits in buf, below 64 - 48 before each entry
-    Ozr8u* out;
-
-    void put(Ozr32u bits, Ozr32u len) {
-        buf |= static_cast<Ozr64u>(bits) << n;
-        n += len;
-    }
-    void flushBlind() {  // n <= 7 + 48: the shift stays below 64
-        store64(out, buf);
-        out += n >> 3;
-        buf >>= n & ~7u;
-        n &= 7;
-    }
-    void flushBytes() {
-        while (n >= 8) {
-            *out++ = static_cast<Ozr8u>(buf);
-            buf >>= 8;
-            n -= 8;
-        }
-    }
-};
-
 // A code merged with the extra bits that follow it: one field, one put.
 struct Field {
     Ozr32u bits;
