@@ -149,8 +149,13 @@ struct LastColumn {
     int* index;
 };
 
+// The four induced passes are compiled as functions of their own: inlined into
+// the level, their loops' code depended on whatever else the level does (5 %
+// either way on text after unrelated changes there).
+
 // First left-to-right pass: L-type entries after the seeds, with class marks.
 template <class C>
+__attribute__((noinline))
 void induceLNamed(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr32s* b, Ozr32s* last) {
     bucketHeads(counts, K, b);
     for (int c = 0; c < K; ++c) last[c] = -1;
@@ -180,6 +185,7 @@ void induceLNamed(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Oz
 // entries into names[pos / 2], counting from 1 at the largest. Returns the number
 // of distinct names.
 template <class C>
+__attribute__((noinline))
 int induceSNamed(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr32s* b, Ozr32s* last,
                  Ozr32s* names) {
     bucketTails(counts, K, b);
@@ -223,6 +229,7 @@ int induceSNamed(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr
 // For the last column, an entry whose predecessor is L-type is done with after
 // this pass: it is replaced by its last-column byte with bit 31 set.
 template <class C, bool kLast>
+__attribute__((noinline))
 void induceL(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr32s* b, const LastColumn* out) {
     bucketHeads(counts, K, b);
     SA[b[T[n - 1]]++] = n - 1;
@@ -244,6 +251,7 @@ void induceL(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr32s*
 // Every slot is final when the scan reaches it, so the last column can be written
 // on the way.
 template <class C, bool kLast>
+__attribute__((noinline))
 void induceS(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts, Ozr32s* b, const LastColumn* out) {
     bucketTails(counts, K, b);
     for (int i = n - 1; i >= 0; --i) {
@@ -380,6 +388,175 @@ void doublingSort(Ozr32s* rank, Ozr32s* SA, int m, int distinct, SaisWorkspace w
     }
 }
 
+// Names of the LMS substrings by the first pair of induced passes: LMS seeds at
+// their bucket tails (the first of each bucket starts the bucket's one seed
+// class), L-types induced left to right, S-types right to left. The m LMS
+// positions lie before lmsEnd in text order. Returns the number of names.
+template <class C>
+__attribute__((always_inline)) inline int sortAndName(const C* T, Ozr32s* SA, int n, int K, const Ozr32s* counts,
+                                                      Ozr32s* b, Ozr32s* last, Ozr32s* names, const Ozr32s* lmsEnd,
+                                                      int m) {
+    fillEmpty(SA, n);
+    bucketTails(counts, K, b);
+    for (const Ozr32s* p = lmsEnd; p > lmsEnd - m;) {
+        // The stores scatter over SA: their lines are fetched some steps ahead.
+        if (p - kAhead > lmsEnd - m) __builtin_prefetch(&SA[b[T[p[-kAhead]]] - 1], 1);
+        Ozr32s i = *--p;
+        SA[--b[T[i]]] = i;
+    }
+    {
+        Ozr32s sum = 0;
+        for (int c = 0; c < K; ++c) {
+            sum += counts[c];
+            if (b[c] != sum) SA[b[c]] |= kStart;
+        }
+    }
+    induceLNamed(T, SA, n, K, counts, b, last);
+    return m > 0 ? induceSNamed(T, SA, n, K, counts, b, last, names) : 0;
+}
+
+// Naming by hashing, for strings made of few distinct LMS substrings (periodic
+// and near-periodic data, and the reduced strings they give): there the induced
+// naming passes cost as much as on random data, a cache miss per entry, while a
+// table of the distinct substrings stays in cache. Substring k runs from lms[k]
+// through lms[k + 1]; the last one runs to the end of the string and the end
+// marker, so it equals no other. Substrings are equal when their symbols are
+// (the types follow from the symbols when both end at an LMS position), and they
+// order by their symbols, then, when one is a prefix of the other, the longer one
+// first (its symbol where the shorter one ends is L-type, the shorter one's
+// LMS end S-type), except that the last one, whose end marker comes first, is the
+// smaller. The table gives up when it fills or when new substrings keep coming
+// (more than one in 16 beyond the first 1024: early on text and random data,
+// which the induced passes name faster).
+constexpr int kHashMinBits = 8, kHashMaxBits = 15;
+
+struct HashSlot {
+    Ozr64u key;   // the symbols packed when they fit in 8 bytes, else a hash
+    Ozr32s len;   // in symbols; 0: free slot
+    Ozr32s name;  // provisional: order of first appearance
+};
+
+// Words of workspace a table of 2^bits slots needs: the slots (aligned) and five
+// arrays by name.
+inline size_t hashRoom(int bits) {
+    size_t slots = size_t(1) << bits;
+    return 4 * slots + 1 + 5 * (slots / 2 + 1);
+}
+
+template <class C>
+inline Ozr64u packedOrHash(const C* T, int n, Ozr32s p, Ozr32s len) {
+    constexpr int kFit = 8 / sizeof(C);
+    if (len <= kFit) {
+        Ozr64u key = 0;
+        if (p + kFit <= n) {
+            __builtin_memcpy(&key, T + p, 8);
+            return len == kFit ? key : key & ((Ozr64u(1) << (8 * sizeof(C) * len)) - 1);
+        }
+        for (int x = len - 1; x >= 0; --x) key = key << (8 * sizeof(C)) | static_cast<Ozr64u>(T[p + x]);
+        return key;
+    }
+    Ozr64u h = static_cast<Ozr64u>(len);
+    for (int x = 0; x < len; ++x) h = (h ^ static_cast<Ozr64u>(T[p + x])) * 0x9E3779B97F4A7C15ull;
+    return h ^ h >> 29;
+}
+
+// Order of two distinct substrings (a, la) and (b, lb); `lastStart` is the start of
+// the one that runs to the end marker. True when a's sorts first.
+template <class C>
+inline bool substringBefore(const C* T, Ozr32s a, Ozr32s la, Ozr32s b, Ozr32s lb, Ozr32s lastStart) {
+    Ozr32s common = la < lb ? la : lb;
+    for (Ozr32s x = 0; x < common; ++x) {
+        if (T[a + x] != T[b + x]) return T[a + x] < T[b + x];
+    }
+    if (a == lastStart) return true;
+    if (b == lastStart) return false;
+    return la > lb;
+}
+
+// Reduced string by hashing into id[0, m) (names 0 .. distinct - 1 rising with
+// the order); returns distinct, or -1 when there are too many distinct substrings
+// or no room (id is then clobbered).
+template <class C>
+int nameByHash(const C* T, int n, const Ozr32s* lms, int m, Ozr32s* id, SaisWorkspace ws) {
+    // Slots for up to m names at half load, within the workspace.
+    int bits = kHashMinBits;
+    while (bits < kHashMaxBits && (1 << (bits - 1)) < m) ++bits;
+    while (bits >= kHashMinBits && hashRoom(bits) > ws.words) --bits;
+    if (m < 2 || bits < kHashMinBits) return -1;
+    int slots = 1 << bits, cap = slots / 2;
+    Ozr32s* w = ws.base + (reinterpret_cast<uintptr_t>(ws.base) & 4 ? 1 : 0);
+    HashSlot* slot = reinterpret_cast<HashSlot*>(w);
+    Ozr32s* first = w + 4 * slots;    // by provisional name: start of the first occurrence
+    Ozr32s* size = first + cap + 1;  // ... and its length
+    Ozr32s* order = size + cap + 1;
+    Ozr32s* merged = order + cap + 1;
+    Ozr32s* rankOf = merged + cap + 1;
+    for (int x = 0; x < slots; ++x) slot[x].len = 0;
+    int names = 0;
+    Ozr32s p = lms[0];
+    for (int k = 0; k + 1 < m; ++k) {
+        Ozr32s q = lms[k + 1], len = q - p + 1;
+        Ozr64u key = packedOrHash(T, n, p, len);
+        Ozr64u mixed = (key ^ static_cast<Ozr64u>(len) << 56) * 0x9E3779B97F4A7C15ull;
+        unsigned s = static_cast<unsigned>(mixed >> (64 - bits));
+        for (;; s = (s + 1) & (slots - 1)) {
+            HashSlot& e = slot[s];
+            if (e.len == 0) {
+                if (names == cap || names > (k >> 4) + 1024) return -1;
+                e.key = key;
+                e.len = len;
+                e.name = names;
+                first[names] = p;
+                size[names] = len;
+                id[k] = names++;
+                break;
+            }
+            if (e.key == key && e.len == len) {
+                bool same = true;
+                if (len * static_cast<Ozr32s>(sizeof(C)) > 8) {
+                    Ozr32s f = first[e.name];
+                    for (Ozr32s x = 0; x < len && same; ++x) same = T[f + x] == T[p + x];
+                }
+                if (same) {
+                    id[k] = e.name;
+                    break;
+                }
+            }
+        }
+        p = q;
+    }
+    // The last substring: a name of its own.
+    first[names] = p;
+    size[names] = n - p;
+    id[m - 1] = names++;
+    // Merge sort of the distinct substrings, then provisional names to ranks.
+    for (int x = 0; x < names; ++x) order[x] = x;
+    for (int width = 1; width < names; width *= 2) {
+        for (int lo = 0; lo < names; lo += 2 * width) {
+            int mid = lo + width < names ? lo + width : names, hi = lo + 2 * width < names ? lo + 2 * width : names;
+            int a = lo, b = mid, o = lo;
+            while (a < mid && b < hi) {
+                Ozr32s x = order[a], y = order[b];
+                if (substringBefore(T, first[y], size[y], first[x], size[x], p)) {
+                    merged[o++] = y;
+                    ++b;
+                } else {
+                    merged[o++] = x;
+                    ++a;
+                }
+            }
+            while (a < mid) merged[o++] = order[a++];
+            while (b < hi) merged[o++] = order[b++];
+        }
+        Ozr32s* swap = order;
+        order = merged;
+        merged = swap;
+    }
+    for (int r = 0; r < names; ++r) rankOf[order[r]] = r;
+    for (int k = 0; k < m; ++k) id[k] = rankOf[id[k]];
+    return names;
+}
+
 // Suffix array of T[0, n) over the alphabet [0, K) into SA[0, n), or, with `out`,
 // its last column. Returns false when the workspace is too small for a level's
 // tables (above 256 symbols K words three times, n / 2 + 1 words for names, and at
@@ -422,41 +599,32 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColu
     if (!names || !last) return false;
     countSymbols(T, n, K, counts);
 
-    // Stage 1: LMS seeds at their bucket tails; the first of each bucket starts
-    // the bucket's one seed class. (Unless kept, the LMS positions pass through
-    // the names area, free until the naming pass.)
+    // Stage 1: the LMS substrings named. (Unless kept, the LMS positions pass
+    // through the names area, free until the induced naming pass.)
     Ozr32s* lmsEnd = (kept ? kept : names) + n / 2 + 1;
     int m = lmsPositions(T, n, lmsEnd);
-    fillEmpty(SA, n);
-    bucketTails(counts, K, b);
-    for (const Ozr32s* p = lmsEnd; p > lmsEnd - m;) {
-        // The stores scatter over SA: their lines are fetched some steps ahead.
-        if (p - kAhead > lmsEnd - m) __builtin_prefetch(&SA[b[T[p[-kAhead]]] - 1], 1);
-        Ozr32s i = *--p;
-        SA[--b[T[i]]] = i;
-    }
-    {
-        Ozr32s sum = 0;
-        for (int c = 0; c < K; ++c) {
-            sum += counts[c];
-            if (b[c] != sum) SA[b[c]] |= kStart;
-        }
-    }
-    induceLNamed(T, SA, n, K, counts, b, last);
-    int distinct = m > 0 ? induceSNamed(T, SA, n, K, counts, b, last, names) : 0;
-
-    // Stage 2: order of the LMS suffixes into SA[0, m). Names count down from the
-    // largest class; flipped here so that they rise with the order. Unless kept,
-    // the LMS positions go to the top of SA, SA[n - m, n) (m <= n / 2).
+    // Few distinct LMS substrings: named by hashing, the reduced string straight
+    // into its place at the top of SA.
     Ozr32s* s1 = SA + n - m;
-    const Ozr32s* lms = kept ? lmsEnd - m : s1;
-    if (!kept) lmsPositions(T, n, SA + n);
+    int distinct = nameByHash(T, n, lmsEnd - m, m, s1, ws);
+    bool hashed = distinct >= 0;
+    if (!hashed) distinct = sortAndName(T, SA, n, K, counts, b, last, names, lmsEnd, m);
+
+    // Stage 2: order of the LMS suffixes into SA[0, m). Induced names count down
+    // from the largest class; flipped here so that they rise with the order. Unless
+    // kept or hashed, the LMS positions go to the top of SA, SA[n - m, n)
+    // (m <= n / 2).
+    const Ozr32s* lms = kept || hashed ? lmsEnd - m : s1;
+    if (!kept && !hashed) lmsPositions(T, n, SA + n);
+    // Name of substring k; a hashed name is read before the narrowing loops below
+    // overwrite its word (byte or half-word k lies in word k / 4 or k / 2).
+    auto nameAt = [&](int k) -> Ozr32s { return hashed ? s1[k] : distinct - names[lms[k] >> 1]; };
     if (distinct == m) {
-        for (int k = 0; k < m; ++k) SA[distinct - names[lms[k] >> 1]] = lms[k];
-    } else if (4 * static_cast<Ozr64s>(m - distinct) <= m && doublingRoom(m, distinct) <= ws.words) {
+        for (int k = 0; k < m; ++k) SA[nameAt(k)] = lms[k];
+    } else if (!hashed && 4 * static_cast<Ozr64s>(m - distinct) <= m && doublingRoom(m, distinct) <= ws.words) {
         // Few names repeat: prefix doubling on them, the ranks in place of the names
         // (lms[k] / 2 >= k, so rank k overwrites a name already read).
-        for (int k = 0; k < m; ++k) names[k] = distinct - names[lms[k] >> 1];
+        for (int k = 0; k < m; ++k) names[k] = nameAt(k);
         doublingSort(names, SA, m, distinct, ws);
         for (int r = 0; r < m; ++r) {
             if (r + kAhead < m) __builtin_prefetch(&lms[SA[r + kAhead]]);
@@ -471,14 +639,16 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColu
         // 16 bits when the names fit, which shrinks what its random reads cover.
         if (distinct <= 256) {
             Ozr8u* s8 = reinterpret_cast<Ozr8u*>(s1);
-            for (int k = 0; k < m; ++k) s8[k] = static_cast<Ozr8u>(distinct - names[lms[k] >> 1]);
+            for (int k = 0; k < m; ++k) s8[k] = static_cast<Ozr8u>(nameAt(k));
             if (!sais(s8, SA, m, distinct, sub, nullptr)) return false;
         } else if (distinct <= 65536) {
             Ozr16u* s16 = reinterpret_cast<Ozr16u*>(s1);
-            for (int k = 0; k < m; ++k) s16[k] = static_cast<Ozr16u>(distinct - names[lms[k] >> 1]);
+            for (int k = 0; k < m; ++k) s16[k] = static_cast<Ozr16u>(nameAt(k));
             if (!sais(s16, SA, m, distinct, sub, nullptr)) return false;
         } else {
-            for (int k = 0; k < m; ++k) s1[k] = distinct - names[lms[k] >> 1];
+            if (!hashed) {
+                for (int k = 0; k < m; ++k) s1[k] = nameAt(k);
+            }
             if (!sais(s1, SA, m, distinct, sub, nullptr)) return false;
         }
         // Ranks back to positions. The scan's spare write below s1 may fall into
@@ -487,6 +657,7 @@ bool sais(const C* T, Ozr32s* SA, int n, int K, SaisWorkspace ws, const LastColu
             Ozr32s below = SA[n - m - 1];
             lmsPositions(T, n, SA + n);
             SA[n - m - 1] = below;
+            lms = s1;
         }
         for (int r = 0; r < m; ++r) {
             if (r + kAhead < m) __builtin_prefetch(&lms[SA[r + kAhead]]);
