@@ -425,10 +425,35 @@ __attribute__((always_inline)) inline int sortAndName(const C* T, Ozr32s* SA, in
 // order by their symbols, then, when one is a prefix of the other, the longer one
 // first (its symbol where the shorter one ends is L-type, the shorter one's
 // LMS end S-type), except that the last one, whose end marker comes first, is the
-// smaller. The table gives up when it fills or when new substrings keep coming
-// (more than one in 16 beyond the first 1024: early on text and random data,
-// which the induced passes name faster).
+// smaller. The table gives up when it fills or, unless the string repeats itself,
+// when new substrings keep coming (more than one in 16 beyond the first 1024:
+// early on text and random data, which the induced passes name faster). A string
+// that repeats itself with a long period brings a period's worth of new
+// substrings first and none after.
 constexpr int kHashMinBits = 8, kHashMaxBits = 15;
+
+// Whether T mostly repeats itself at some shift P < 2^16: P is where its first 16
+// symbols occur again, and 28 of 32 probes spread over T must find their 16
+// symbols again P further on (a long period with a few changes). Reads at most
+// 2^16 + 48 symbols for the shift.
+template <class C>
+bool repeatsItself(const C* T, int n) {
+    constexpr int kProbe = 16, kMaxShift = 1 << 16;
+    if (n < 64 * kProbe) return false;
+    auto same = [T](int a, int b) {
+        for (int x = 0; x < kProbe; ++x) {
+            if (T[a + x] != T[b + x]) return false;
+        }
+        return true;
+    };
+    int limit = n / 2 - kProbe < kMaxShift ? n / 2 - kProbe : kMaxShift;
+    int shift = 1;
+    while (shift < limit && (T[shift] != T[0] || !same(0, shift))) ++shift;
+    if (shift >= limit) return false;
+    int hits = 0, step = (n - shift - kProbe) / 32;
+    for (int s = 0; s < 32; ++s) hits += same(s * step, s * step + shift);
+    return hits >= 28;
+}
 
 struct HashSlot {
     Ozr64u key;   // the symbols packed when they fit in 8 bytes, else a hash
@@ -440,7 +465,20 @@ struct HashSlot {
 // arrays by name.
 inline size_t hashRoom(int bits) {
     size_t slots = size_t(1) << bits;
-    return 4 * slots + 1 + 5 * (slots / 2 + 1);
+    return 4 * slots + 1 + 7 * (slots / 2 + 1);
+}
+
+// The first symbols of a substring as one big-endian number, padded with ones:
+// two substrings whose prefixes differ order as their prefixes do (a substring
+// that ends within the prefix sorts after its extensions, as the order above
+// wants), so most comparisons of the sort read this compact array and not T.
+template <class C>
+inline Ozr64u sortPrefix(const C* T, Ozr32s p, Ozr32s len) {
+    constexpr int kFit = 8 / sizeof(C), kBits = 8 * sizeof(C);
+    constexpr Ozr64u kPad = (Ozr64u(1) << kBits) - 1;
+    Ozr64u v = 0;
+    for (int x = 0; x < kFit; ++x) v = v << kBits | (x < len ? static_cast<Ozr64u>(T[p + x]) : kPad);
+    return v;
 }
 
 template <class C>
@@ -478,6 +516,7 @@ inline bool substringBefore(const C* T, Ozr32s a, Ozr32s la, Ozr32s b, Ozr32s lb
 // or no room (id is then clobbered).
 template <class C>
 int nameByHash(const C* T, int n, const Ozr32s* lms, int m, Ozr32s* id, SaisWorkspace ws) {
+    int allowance = repeatsItself(T, n) ? m : 1024;
     // Slots for up to m names at half load, within the workspace.
     int bits = kHashMinBits;
     while (bits < kHashMaxBits && (1 << (bits - 1)) < m) ++bits;
@@ -486,7 +525,8 @@ int nameByHash(const C* T, int n, const Ozr32s* lms, int m, Ozr32s* id, SaisWork
     int slots = 1 << bits, cap = slots / 2;
     Ozr32s* w = ws.base + (reinterpret_cast<uintptr_t>(ws.base) & 4 ? 1 : 0);
     HashSlot* slot = reinterpret_cast<HashSlot*>(w);
-    Ozr32s* first = w + 4 * slots;    // by provisional name: start of the first occurrence
+    Ozr64u* prefix = reinterpret_cast<Ozr64u*>(w + 4 * slots);  // by provisional name
+    Ozr32s* first = w + 4 * slots + 2 * (cap + 1);  // by provisional name: start of the first occurrence
     Ozr32s* size = first + cap + 1;  // ... and its length
     Ozr32s* order = size + cap + 1;
     Ozr32s* merged = order + cap + 1;
@@ -502,12 +542,13 @@ int nameByHash(const C* T, int n, const Ozr32s* lms, int m, Ozr32s* id, SaisWork
         for (;; s = (s + 1) & (slots - 1)) {
             HashSlot& e = slot[s];
             if (e.len == 0) {
-                if (names == cap || names > (k >> 4) + 1024) return -1;
+                if (names == cap || names > (k >> 4) + allowance) return -1;
                 e.key = key;
                 e.len = len;
                 e.name = names;
                 first[names] = p;
                 size[names] = len;
+                prefix[names] = sortPrefix(T, p, len);
                 id[k] = names++;
                 break;
             }
@@ -528,6 +569,8 @@ int nameByHash(const C* T, int n, const Ozr32s* lms, int m, Ozr32s* id, SaisWork
     // The last substring: a name of its own.
     first[names] = p;
     size[names] = n - p;
+    prefix[names] = sortPrefix(T, p, n - p);
+    Ozr32s lastName = names;
     id[m - 1] = names++;
     // Merge sort of the distinct substrings, then provisional names to ranks.
     for (int x = 0; x < names; ++x) order[x] = x;
@@ -537,7 +580,10 @@ int nameByHash(const C* T, int n, const Ozr32s* lms, int m, Ozr32s* id, SaisWork
             int a = lo, b = mid, o = lo;
             while (a < mid && b < hi) {
                 Ozr32s x = order[a], y = order[b];
-                if (substringBefore(T, first[y], size[y], first[x], size[x], p)) {
+                bool yFirst = prefix[x] != prefix[y] && x != lastName && y != lastName
+                                  ? prefix[y] < prefix[x]
+                                  : substringBefore(T, first[y], size[y], first[x], size[x], p);
+                if (yFirst) {
                     merged[o++] = y;
                     ++b;
                 } else {
