@@ -906,6 +906,34 @@ TEST(BWTForward, SuffixSorterIsExactWhateverItsWorkspaceAndNameWidth) {
     }
 }
 
+// Levels with few distinct LMS substrings are named from a table of them: keys that
+// hold the bytes or a hash (substrings past 8 bytes, from runs), thousands of names
+// when the string repeats itself with a long period, a table abandoned part way
+// when the repeats stop, and a table cut down by a small workspace.
+TEST(BWTForward, SuffixSorterNamesRepeatedSubstringsExactly) {
+    std::vector<Bytes> blocks;
+    Bytes longPeriod = periodicBytes(150000, 7000, 12);  // over 1024 names a period
+    longPeriod[40000] ^= 1;
+    longPeriod[90000] ^= 0x80;
+    blocks.push_back(longPeriod);
+    Bytes runs = runsBytes(2500, 13), periodicRuns;  // long LMS substrings repeating
+    while (periodicRuns.size() < 100000) periodicRuns.insert(periodicRuns.end(), runs.begin(), runs.end());
+    periodicRuns[50000] ^= 1;
+    blocks.push_back(periodicRuns);
+    blocks.push_back(periodicBytes(30000, 50, 14) + randomBytes(90000, 15));  // repeats, then noise
+    for (const Bytes& b : blocks) {
+        const int n = static_cast<int>(b.size());
+        std::vector<int32_t> want(b.size());
+        ASSERT_EQ(divsufsort(b.data(), want.data(), n), 0);
+        for (size_t words : {3 * b.size(), 2 * b.size()}) {
+            std::vector<Ozr32s> sa(b.size(), -7), ws(words);
+            ASSERT_TRUE(m7_ownsSuffixArray_8u(b.data(), sa.data(), n, m7::SaisWorkspace{ws.data(), words}))
+                << n << " bytes, " << words << " words";
+            ASSERT_TRUE(std::equal(sa.begin(), sa.end(), want.begin())) << n << " bytes, " << words << " words";
+        }
+    }
+}
+
 TEST(BWTForward, ModeZeroStopsAtItsWorkLimitOnRepetitiveBlocks) {
     for (const Bytes& b : {Bytes(200000, 0), periodicBytes(150000, 5, 3)}) {
         OzrResult st = ozrOk;
