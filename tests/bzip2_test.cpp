@@ -875,6 +875,19 @@ TEST(BWTForward, LargeBlocksMatchLibdivsufsort) {
     }
 }
 
+// The suffix sorter with a workspace of 3n and of 2n words against libdivsufsort.
+void expectSuffixArrayOfLibdivsufsort(const Bytes& b) {
+    const int n = static_cast<int>(b.size());
+    std::vector<int32_t> want(b.size());
+    ASSERT_EQ(divsufsort(b.data(), want.data(), n), 0);
+    for (size_t words : {3 * b.size(), 2 * b.size()}) {
+        std::vector<Ozr32s> sa(b.size(), -7), ws(words);
+        ASSERT_TRUE(m7_ownsSuffixArray_8u(b.data(), sa.data(), n, m7::SaisWorkspace{ws.data(), words}))
+            << n << " bytes, " << words << " words";
+        ASSERT_TRUE(std::equal(sa.begin(), sa.end(), want.begin())) << n << " bytes, " << words << " words";
+    }
+}
+
 // The suffix sorter keeps the LMS positions of a level only when its workspace
 // has room for them and any deeper level, finds them again otherwise, and names
 // in bytes, 16 or 32 bits by the count of names: every path must sort exactly.
@@ -893,17 +906,7 @@ TEST(BWTForward, SuffixSorterIsExactWhateverItsWorkspaceAndNameWidth) {
     Bytes alternating(3000);  // an LMS position every second byte: the reduced string fills half of SA
     for (size_t i = 0; i < alternating.size(); ++i) alternating[i] = i % 2 ? 'a' : 'b';
     blocks.push_back(alternating);
-    for (const Bytes& b : blocks) {
-        const int n = static_cast<int>(b.size());
-        std::vector<int32_t> want(b.size());
-        ASSERT_EQ(divsufsort(b.data(), want.data(), n), 0);
-        for (size_t words : {3 * b.size(), 2 * b.size()}) {
-            std::vector<Ozr32s> sa(b.size(), -7), ws(words);
-            ASSERT_TRUE(m7_ownsSuffixArray_8u(b.data(), sa.data(), n, m7::SaisWorkspace{ws.data(), words}))
-                << n << " bytes, " << words << " words";
-            ASSERT_TRUE(std::equal(sa.begin(), sa.end(), want.begin())) << n << " bytes, " << words << " words";
-        }
-    }
+    for (const Bytes& b : blocks) expectSuffixArrayOfLibdivsufsort(b);
 }
 
 // Levels with few distinct LMS substrings are named from a table of them: keys that
@@ -921,17 +924,7 @@ TEST(BWTForward, SuffixSorterNamesRepeatedSubstringsExactly) {
     periodicRuns[50000] ^= 1;
     blocks.push_back(periodicRuns);
     blocks.push_back(periodicBytes(30000, 50, 14) + randomBytes(90000, 15));  // repeats, then noise
-    for (const Bytes& b : blocks) {
-        const int n = static_cast<int>(b.size());
-        std::vector<int32_t> want(b.size());
-        ASSERT_EQ(divsufsort(b.data(), want.data(), n), 0);
-        for (size_t words : {3 * b.size(), 2 * b.size()}) {
-            std::vector<Ozr32s> sa(b.size(), -7), ws(words);
-            ASSERT_TRUE(m7_ownsSuffixArray_8u(b.data(), sa.data(), n, m7::SaisWorkspace{ws.data(), words}))
-                << n << " bytes, " << words << " words";
-            ASSERT_TRUE(std::equal(sa.begin(), sa.end(), want.begin())) << n << " bytes, " << words << " words";
-        }
-    }
+    for (const Bytes& b : blocks) expectSuffixArrayOfLibdivsufsort(b);
 }
 
 TEST(BWTForward, ModeZeroStopsAtItsWorkLimitOnRepetitiveBlocks) {
