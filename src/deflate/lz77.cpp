@@ -199,7 +199,7 @@ struct Params {
 // The hash of the next position is computed while the current one is searched (a
 // literal moves there) and that of the position after a match before the match's
 // inner insertions, so that their head entries are on the way when needed.
-template <bool Joined>
+template <bool Joined, bool Cut>
 void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Params prm) {
     const Ozr8u* const base = m.src - m.start;  // base + q is position q (q >= start, or any with Joined)
     Ozr32s* const head = m.head;
@@ -236,7 +236,7 @@ void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Para
 
         const Ozr8u* const pp = base + p;
         long matchPos = 0;
-        const int best = m.search<true, Joined>(p, cand, 3, maxChain, maxChain, good, nice, kMaxMatch, &matchPos);
+        const int best = m.search<Cut, Joined>(p, cand, 3, maxChain, maxChain, good, nice, kMaxMatch, &matchPos);
 
         if (best >= kMinMatch) {
             const long q = p + best;
@@ -289,8 +289,15 @@ void runGreedy(Matcher& m, long& p, long e, Ozr32u freeEntries, Params prm, bool
         mainEnd += 1;
         if (prm.maxLazy > 257) prm.maxLazy = 257;
     }
-    if (m.joined) greedyMain<true>(m, p, mainEnd, freeEntries, prm);
-    else greedyMain<false>(m, p, mainEnd, freeEntries, prm);
+    // The walk stops at niceLength; with goodLength not below it (levels 1-4) the cut
+    // never comes, and the walk without it keeps fewer values live.
+    if (prm.good < prm.nice) {
+        if (m.joined) greedyMain<true, true>(m, p, mainEnd, freeEntries, prm);
+        else greedyMain<false, true>(m, p, mainEnd, freeEntries, prm);
+    } else {
+        if (m.joined) greedyMain<true, false>(m, p, mainEnd, freeEntries, prm);
+        else greedyMain<false, false>(m, p, mainEnd, freeEntries, prm);
+    }
     for (int phase = 1; phase < 2; ++phase) {
         const bool tail = phase == 1;
         if (tail && !flushAll) return;
