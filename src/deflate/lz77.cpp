@@ -340,6 +340,14 @@ void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Para
         head[h] = static_cast<Ozr32s>(p);
         const Ozr32u h3 = hashAt(p + 3);
         __builtin_prefetch(head + h3, 1);
+        {
+            // After a literal, p + 1 is searched next: ask for its first candidate's
+            // bytes and link now (prefetches only: a candidate out of reach or changed
+            // by this position's insertion costs nothing but the request).
+            const long c1 = head[h1];
+            __builtin_prefetch(base + c1);
+            __builtin_prefetch(prev + (c1 & wmask));
+        }
 
         const Ozr8u* const pp = base + p;
         long matchPos = 0;
