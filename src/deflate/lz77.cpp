@@ -174,13 +174,15 @@ struct Matcher : History {
     // after a quarter of the chain aside. Its result is exact whenever that search is
     // made (p's best below maxLazy, which is at most niceLength here): a best above
     // p's final best found by the first candidate reaching it, else nothing.
+    // Out of line: inlined, its state crowds the lazy pass's registers, which costs
+    // every search (4 % on short chains) whether pairs are made or not.
     struct PairResult {
         int best0, best1;  // best1 > best0: p + 1 found a longer match
         long pos0, pos1;
         Ozr32u walked;     // candidates p's walk looked at
     };
     template <bool Joined>
-    __attribute__((always_inline)) PairResult searchPair(long p, long c0, long c1, Ozr32u maxChain, int good,
+    __attribute__((noinline)) PairResult searchPair(long p, long c0, long c1, Ozr32u maxChain, int good,
                                                          int nice, int maxLazy) const {
         const long low0 = p - wsize, low1 = low0 + 1, first = start;
         const Ozr32s* const links = prev;
