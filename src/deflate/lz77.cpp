@@ -182,8 +182,8 @@ struct Matcher : History {
         Ozr32u walked;     // candidates p's walk looked at
     };
     template <bool Joined>
-    __attribute__((noinline)) PairResult searchPair(long p, long c0, long c1, Ozr32u maxChain, int good,
-                                                         int nice, int maxLazy) const {
+    __attribute__((noinline)) PairResult searchPair(long p, long c0, long c1, Ozr32u maxChain, int good, int nice,
+                                                    int maxLazy) const {
         const long low0 = p - wsize, low1 = low0 + 1, first = start;
         const Ozr32s* const links = prev;
         const Ozr32u mask = wmask;
