@@ -126,9 +126,10 @@ struct Matcher : History {
     // match replaces it, so ties keep the nearer candidate). Greedy: a match reaching
     // goodLength cuts the remaining chain to a quarter, once. Joined: the window lies
     // right in front of the source, every candidate is addressed from one base.
+    // walked, if given: how many links were followed.
     template <bool CutOnGood, bool Joined>
     __attribute__((always_inline)) int search(long p, long cand, int best, Ozr32u limit, Ozr32u maxChain, int good,
-                                              int nice, int maxLen, long* matchPos) const {
+                                              int nice, int maxLen, long* matchPos, Ozr32u* walked = nullptr) const {
         // Locals for the chain walk, whose cost is the latency of each link: keep the
         // loop's state in registers.
         const long low = p - wsize, first = start;
@@ -138,7 +139,8 @@ struct Matcher : History {
         const Ozr8u* const pp = base + p;
         Ozr32u tail = load32(pp + best - 3);    // the 4 bytes a longer match must repeat
         bool cut = false;
-        for (Ozr32u steps = 1; cand > low && cand < p; ++steps) {
+        Ozr32u steps = 1;
+        for (; cand > low && cand < p; ++steps) {
             const long next = links[cand & mask];
             if ((!Joined && cand < first) || load32(base + cand + best - 3) == tail) {
                 const int len = Joined ? commonLength16(pp, base + cand, maxLen) : length(p, cand, maxLen);
@@ -158,7 +160,114 @@ struct Matcher : History {
             if (steps >= limit) break;
             cand = next;
         }
+        if (walked) *walked = steps;
         return best;
+    }
+
+    // The lazy matcher's searches at p and p + 1 walked together, for a p with nothing
+    // pending: two independent chains of dependent link loads, which then overlap
+    // instead of each waiting on its own. Position p's search is the plain one (length
+    // to beat 3, the full chain). The search at p + 1 will have to beat p's final best and follow a
+    // quarter of the chain once that best reaches goodLength; while p's best is still
+    // growing, p + 1's walk beats the larger of its own best and p's best so far (a
+    // candidate not above p's best can never be p + 1's result), and keeps its result
+    // after a quarter of the chain aside. Its result is exact whenever that search is
+    // made (p's best below maxLazy, which is at most niceLength here): a best above
+    // p's final best found by the first candidate reaching it, else nothing.
+    // Out of line: inlined, its state crowds the lazy pass's registers, which costs
+    // every search (4 % on short chains) whether pairs are made or not.
+    struct PairResult {
+        int best0, best1;  // best1 > best0: p + 1 found a longer match
+        long pos0, pos1;
+        Ozr32u walked;     // candidates p's walk looked at
+    };
+    template <bool Joined>
+    __attribute__((noinline)) PairResult searchPair(long p, long c0, long c1, Ozr32u maxChain, int good, int nice,
+                                                    int maxLazy) const {
+        const long low0 = p - wsize, low1 = low0 + 1, first = start;
+        const Ozr32s* const links = prev;
+        const Ozr32u mask = wmask;
+        const Ozr8u* const base = src - start;
+        const Ozr8u* const pp0 = base + p;
+        const Ozr8u* const pp1 = pp0 + 1;
+        const Ozr32u full = maxChain, quarter = maxChain / 4 ? maxChain / 4 : 1;  // one candidate at least
+        int b0 = 3, b1 = 3, t1 = 3;  // t1: what p + 1's candidates must beat, max(b1, b0)
+        long m0 = 0, m1 = 0, snapPos = 0;
+        int snapBest = 3;
+        Ozr32u tail0 = load32(pp0), tail1 = load32(pp1);
+        Ozr32u s0 = 0, s1 = 0, lim1 = full;
+        bool alive0 = c0 > low0 && c0 < p, alive1 = c1 > low1 && c1 <= p;
+        bool need1 = true;
+        while (alive0 && alive1) {
+            const long n0 = links[c0 & mask];
+            const long n1 = links[c1 & mask];
+            ++s0;
+            if ((!Joined && c0 < first) || load32(base + c0 + b0 - 3) == tail0) {
+                const int len = Joined ? commonLength16(pp0, base + c0, kMaxMatch) : length(p, c0, kMaxMatch);
+                if (len > b0) {
+                    b0 = len;
+                    m0 = c0;
+                    tail0 = load32(pp0 + b0 - 3);
+                    if (b0 >= nice) alive0 = false;
+                    if (b0 >= maxLazy) {  // no search at p + 1
+                        need1 = false;
+                        alive1 = false;
+                    }
+                    if (b0 >= good) lim1 = quarter;
+                    if (b0 > t1) {
+                        t1 = b0;
+                        tail1 = load32(pp1 + t1 - 3);
+                    }
+                }
+            }
+            if (!alive1) {
+                c0 = n0;
+                alive0 = alive0 && s0 < full && c0 > low0 && c0 < p;
+                break;
+            }
+            ++s1;
+            if ((!Joined && c1 < first) || load32(base + c1 + t1 - 3) == tail1) {
+                const int len = Joined ? commonLength16(pp1, base + c1, kMaxMatch) : length(p + 1, c1, kMaxMatch);
+                if (len > t1) {
+                    b1 = t1 = len;
+                    m1 = c1;
+                    tail1 = load32(pp1 + t1 - 3);
+                    if (b1 >= nice) alive1 = false;
+                }
+            }
+            if (s1 == quarter) {
+                snapBest = b1;
+                snapPos = m1;
+            }
+            if (s1 >= lim1) alive1 = false;
+            if (s0 >= full) alive0 = false;
+            c0 = n0;
+            c1 = n1;
+            alive0 = alive0 && c0 > low0 && c0 < p;
+            alive1 = alive1 && c1 > low1 && c1 <= p;
+        }
+        if (alive0 && s0 < full) {
+            Ozr32u more = 0;
+            b0 = search<false, Joined>(p, c0, b0, full - s0, maxChain, good, nice, kMaxMatch, &m0, &more);
+            s0 += more;
+        }
+        if (b0 >= maxLazy) need1 = false;
+        if (need1) {
+            if (b0 >= good) lim1 = quarter;
+            if (b0 > t1) t1 = b0;
+            if (alive1 && s1 < lim1) {
+                long q = 0;
+                const int r = search<false, Joined>(p + 1, c1, t1, lim1 - s1, maxChain, good, nice, kMaxMatch, &q);
+                if (r > t1) {
+                    b1 = r;
+                    m1 = q;
+                }
+            } else if (s1 > lim1) {  // walked past the quarter before p's best reached goodLength
+                b1 = snapBest;
+                m1 = snapPos;
+            }
+        }
+        return {b0, need1 && b1 > b0 ? b1 : b0, m0, m1, s0};
     }
 
     void literal(Ozr8u b) {
@@ -199,7 +308,7 @@ struct Params {
 // The hash of the next position is computed while the current one is searched (a
 // literal moves there) and that of the position after a match before the match's
 // inner insertions, so that their head entries are on the way when needed.
-template <bool Joined>
+template <bool Joined, bool Cut>
 void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Params prm) {
     const Ozr8u* const base = m.src - m.start;  // base + q is position q (q >= start, or any with Joined)
     Ozr32s* const head = m.head;
@@ -233,10 +342,18 @@ void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Para
         head[h] = static_cast<Ozr32s>(p);
         const Ozr32u h3 = hashAt(p + 3);
         __builtin_prefetch(head + h3, 1);
+        {
+            // After a literal, p + 1 is searched next: ask for its first candidate's
+            // bytes and link now (prefetches only: a candidate out of reach or changed
+            // by this position's insertion costs nothing but the request).
+            const long c1 = head[h1];
+            __builtin_prefetch(base + c1);
+            __builtin_prefetch(prev + (c1 & wmask));
+        }
 
         const Ozr8u* const pp = base + p;
         long matchPos = 0;
-        const int best = m.search<true, Joined>(p, cand, 3, maxChain, maxChain, good, nice, kMaxMatch, &matchPos);
+        const int best = m.search<Cut, Joined>(p, cand, 3, maxChain, maxChain, good, nice, kMaxMatch, &matchPos);
 
         if (best >= kMinMatch) {
             const long q = p + best;
@@ -289,8 +406,15 @@ void runGreedy(Matcher& m, long& p, long e, Ozr32u freeEntries, Params prm, bool
         mainEnd += 1;
         if (prm.maxLazy > 257) prm.maxLazy = 257;
     }
-    if (m.joined) greedyMain<true>(m, p, mainEnd, freeEntries, prm);
-    else greedyMain<false>(m, p, mainEnd, freeEntries, prm);
+    // The walk stops at niceLength; with goodLength not below it (levels 1-4) the cut
+    // never comes, and the walk without it keeps fewer values live.
+    if (prm.good < prm.nice) {
+        if (m.joined) greedyMain<true, true>(m, p, mainEnd, freeEntries, prm);
+        else greedyMain<false, true>(m, p, mainEnd, freeEntries, prm);
+    } else {
+        if (m.joined) greedyMain<true, false>(m, p, mainEnd, freeEntries, prm);
+        else greedyMain<false, false>(m, p, mainEnd, freeEntries, prm);
+    }
     for (int phase = 1; phase < 2; ++phase) {
         const bool tail = phase == 1;
         if (tail && !flushAll) return;
@@ -334,6 +458,18 @@ __attribute__((always_inline)) inline void lazyPass(Matcher& m, long& p, long e,
     // The last position entered with nothing but a literal pending: a call that stops
     // before the end backs up to it, so that the next call decides from there exactly
     // as one call over all the data would.
+    // Searches at p and p + 1 walked as a pair (searchPair) need the search at p + 1
+    // to end at niceLength whenever it is made: niceLength at least maxLazy. Pairs are
+    // made right after a match (nothing pending at p), where p + 1 is searched unless
+    // p finds a match of maxLazy or more: only after a match shorter than that (the
+    // next one is likely short too), and only while the walks are long (walkAvg, eight
+    // times their running mean, at least 64): on short chains setting up the pair
+    // costs more than the overlap saves.
+    const bool pairOk = prm.nice >= prm.maxLazy;
+    typename Matcher::PairResult paired{};
+    long pairedPos = -1;  // the position paired.best1 / pos1 are for
+    Ozr32u walkAvg = 0, walked = 0;
+    int lastLen = 0;
     long cleanPos = p;
     Ozr32u cleanWritten = m.written;
     bool stoppedByRoom = false;
@@ -355,9 +491,25 @@ __attribute__((always_inline)) inline void lazyPass(Matcher& m, long& p, long e,
             int best = P;
             long pos = 0;
             if (P < prm.maxLazy) {
-                const int maxLen = tail ? (e - 3 - p < kMaxMatch ? static_cast<int>(e - 3 - p) : kMaxMatch) : kMaxMatch;
-                const Ozr32u limit = P < prm.good ? prm.maxChain : prm.maxChain / 4;
-                best = m.search<false, Joined>(p, cand, P > 3 ? P : 3, limit, prm.maxChain, prm.good, prm.nice, maxLen, &pos);
+                if (p == pairedPos) {
+                    best = paired.best1;
+                    pos = paired.pos1;
+                } else if (pairOk && !tail && P == 0 && lastLen < prm.maxLazy && p + 1 < end && walkAvg >= 64) {
+                    // p + 1's chain as its insertion will find it: nothing is entered
+                    // in between, no match being written at p.
+                    const long cand1 = m.head[m.nextHash];
+                    paired = m.searchPair<Joined>(p, cand, cand1, prm.maxChain, prm.good, prm.nice, prm.maxLazy);
+                    walkAvg += paired.walked - (walkAvg >> 3);
+                    pairedPos = p + 1;
+                    best = paired.best0;
+                    pos = paired.pos0;
+                } else {
+                    const int maxLen = tail ? (e - 3 - p < kMaxMatch ? static_cast<int>(e - 3 - p) : kMaxMatch) : kMaxMatch;
+                    const Ozr32u limit = P < prm.good ? prm.maxChain : prm.maxChain / 4;
+                    best = m.search<false, Joined>(p, cand, P > 3 ? P : 3, limit, prm.maxChain, prm.good, prm.nice, maxLen,
+                                                   &pos, &walked);
+                    walkAvg += walked - (walkAvg >> 3);
+                }
             }
             if (P > 1) {
                 if (P < best || P < kMinMatch) {
@@ -367,6 +519,7 @@ __attribute__((always_inline)) inline void lazyPass(Matcher& m, long& p, long e,
                     // entry before the inner insertions.
                     if (p + P - 1 < end) m.prefetchHead(p + P - 1);
                     m.match(P, D);
+                    lastLen = P;
                     m.insertRange(p + 1, p + P - 1);
                     p += P - 2;
                     best = 0;
