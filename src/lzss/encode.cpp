@@ -185,8 +185,7 @@ constexpr size_t kRing = 512;  // replaced links of the positions inserted ahead
 static_assert(kRing > kMaxAhead && (kRing & (kRing - 1)) == 0 && kRing % kInsertBlock == 0);
 
 // The length of a candidate that agrees with ip on 16 bytes, or 0 when it cannot
-// beat `best`: a longer match must also agree at best - 1 and best. Out of line, so
-// that the walk keeps its values in registers.
+// beat `best`: a longer match must also agree at best - 1 and best.
 inline unsigned measureLong(const Ozr8u* m, const Ozr8u* ip, unsigned maxLen, unsigned best) {
     if (best >= 16 && load16(m + best - 1) != load16(ip + best - 1)) return 0;
     return matchLengthFrom16(m, ip, maxLen);
