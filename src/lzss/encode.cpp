@@ -184,49 +184,42 @@ constexpr Ozr32u kEdge = kMaxDistance - Ozr32u(kMaxAhead);
 constexpr size_t kRing = 512;  // replaced links of the positions inserted ahead
 static_assert(kRing > kMaxAhead && (kRing & (kRing - 1)) == 0 && kRing % kInsertBlock == 0);
 
-// The length of a candidate that agrees with ip on 16 bytes, or 0 when it cannot
-// beat `best`: a longer match must also agree at best - 1 and best.
-inline unsigned measureLong(const Ozr8u* m, const Ozr8u* ip, unsigned maxLen, unsigned best) {
-    if (best >= 16 && load16(m + best - 1) != load16(ip + best - 1)) return 0;
-    return matchLengthFrom16(m, ip, maxLen);
-}
-
 // The walk with at least 16 bytes allowed. Most candidates differ within 16 bytes:
 // their length comes from one 16-byte comparison with no branch on it, so the walk
 // runs at the pace of its loads; only those that agree on all 16 are measured.
-// The walk works on positions, not distances, to keep each step short: candidate c
-// is beyond kEdge when c < p - kEdge and out of reach when c < p - kMaxDistance;
-// at(c) gives its bytes, edgeLink(c) the link of a candidate beyond kEdge.
+// at(d) gives the bytes d back from ip; edgeLink(c) the link of a candidate beyond kEdge.
 template <class At, class Edge>
-Ozr32u searchLong(Ozr32s c, Ozr32s p, const Ozr8u* ip, unsigned maxLen, const Ozr32s* chain, const At& at,
+Ozr32u searchLong(Ozr32s c, Ozr32u p, const Ozr8u* ip, unsigned maxLen, const Ozr32s* chain, const At& at,
                   const Edge& edgeLink) {
     const __m128i head16 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(ip));
-    const Ozr32s edge = p - Ozr32s(kEdge);
-    // The search's key as a function of the candidate: (32767 - d) = c - near.
-    const Ozr32u near = Ozr32u(p) - kMaxDistance;
     Ozr32u key = kNoMatch;
 #pragma GCC unroll 16
     for (unsigned k = 0; k < kMaxCandidates; ++k) {
+        const Ozr32u d = p - Ozr32u(c);
         Ozr32s next;
-        if (__builtin_expect(c < edge, 0)) {
-            if (c < edge - Ozr32s(kMaxAhead)) break;  // beyond kMaxDistance
+        if (__builtin_expect(d > kEdge, 0)) {
+            if (d > kMaxDistance) break;
             next = edgeLink(c);
         } else {
             next = chain[Ozr32u(c) & kChainMask];
         }
-        const Ozr8u* const m = at(c);
-        // Bit 16 set: the length is 16 when all 16 bytes agree.
-        const unsigned len = m7::trailingZeros64(
+        const Ozr8u* const m = at(d);
+        const unsigned differ =
             unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(m)), head16))) ^
-            0x1FFFFu);
-        if (__builtin_expect(len < 16, 1)) {
-            const Ozr32u cand = len << 16 | (Ozr32u(c) - near);
+            0xFFFFu;
+        if (__builtin_expect(differ != 0, 1)) {
+            const Ozr32u cand = m7::trailingZeros64(differ) << 16 | (kMaxDistance - d);
             key = cand > key ? cand : key;
         } else {
-            const unsigned full = measureLong(m, ip, maxLen, key >> 16);
-            const Ozr32u cand = full << 16 | (Ozr32u(c) - near);
-            key = cand > key ? cand : key;
-            if (full >= maxLen) break;
+            // Agrees on 16 bytes: measured in full only if it also agrees at the best
+            // length so far and the byte before, as any longer match must.
+            const unsigned best = key >> 16;
+            if (best < 16 || load16(m + best - 1) == load16(ip + best - 1)) {
+                const unsigned len = matchLengthFrom16(m, ip, maxLen);
+                const Ozr32u cand = len << 16 | (kMaxDistance - d);
+                key = cand > key ? cand : key;
+                if (len >= maxLen) break;
+            }
         }
         c = next;
     }
@@ -389,16 +382,13 @@ size_t encodeCore(OzrLZSSEncoderState& s, const Ozr8u* const data, const size_t 
             auto atAny = [ip, i, histIp](Ozr32u d) {
                 return d <= i ? ip - d : reinterpret_cast<const Ozr8u*>(histIp - d);
             };
-            // The same by position: ip - (p - c).
-            const uintptr_t ipAtZero = uintptr_t(ip) - uintptr_t(Ozr64s(p));
-            auto atDataPos = [ipAtZero](Ozr32s c) { return reinterpret_cast<const Ozr8u*>(ipAtZero + uintptr_t(Ozr64s(c))); };
-            auto atAnyPos = [atAny, p](Ozr32s c) { return atAny(Ozr32u(p) - Ozr32u(c)); };
+            auto atData = [ip](Ozr32u d) { return ip - d; };
             if (maxLen < 16) {
                 key = searchShort(c, Ozr32u(p), ip, maxLen, chain, atAny, edgeLink);
             } else if (i >= kMaxDistance) {
-                key = searchLong(c, p, ip, maxLen, chain, atDataPos, edgeLink);
+                key = searchLong(c, Ozr32u(p), ip, maxLen, chain, atData, edgeLink);
             } else {
-                key = searchLong(c, p, ip, maxLen, chain, atAnyPos, edgeLink);
+                key = searchLong(c, Ozr32u(p), ip, maxLen, chain, atAny, edgeLink);
             }
             const unsigned best = key >> 16;
             if (best >= kMinMatch) {
