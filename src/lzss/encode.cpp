@@ -312,6 +312,7 @@ size_t encodeCore(OzrLZSSEncoderState& s, const Ozr8u* const data, const size_t 
         const Ozr8u* const q = data + j;
         Ozr32s* const r = ring + (j & (kRing - 1));
         Ozr32s* const slot = chain + (Ozr32u(p) & kChainMask);
+#pragma GCC unroll 8
         for (size_t k = 0; k < kInsertBlock; k += 4)
             _mm_storeu_si128(reinterpret_cast<__m128i*>(r + k), _mm_loadu_si128(reinterpret_cast<const __m128i*>(slot + k)));
         Ozr64u run = (kJoinedRows.v[q[0]] >> 16) ^ kJoinedRows.v[q[1]];
