@@ -93,6 +93,38 @@ constexpr ReversedBytes kReversed;
 
 inline unsigned reverse16(unsigned x) { return static_cast<unsigned>(kReversed.r[x & 255]) << 8 | kReversed.r[x >> 8]; }
 
+// For x = base .. base + 15: bit x - base of *below says T[x] < T[x + 1] (as
+// unsigned symbols), of *equal T[x] == T[x + 1]. Reads T[base, base + 17).
+template <class C>
+inline void compareNext16(const C* T, int base, unsigned* below, unsigned* equal) {
+    auto load = [T, base](int x) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(T + base + x)); };
+    __m128i lt, eq;  // 16 lanes of bytes, all ones where true
+    if constexpr (sizeof(C) == 1) {
+        const __m128i flip = _mm_set1_epi8(static_cast<char>(0x80));
+        __m128i a = load(0), b = load(1);
+        lt = _mm_cmpgt_epi8(_mm_xor_si128(b, flip), _mm_xor_si128(a, flip));
+        eq = _mm_cmpeq_epi8(a, b);
+    } else if constexpr (sizeof(C) == 2) {
+        const __m128i flip = _mm_set1_epi16(static_cast<short>(0x8000));
+        __m128i a0 = load(0), a1 = load(8), b0 = load(1), b1 = load(9);
+        lt = _mm_packs_epi16(_mm_cmpgt_epi16(_mm_xor_si128(b0, flip), _mm_xor_si128(a0, flip)),
+                             _mm_cmpgt_epi16(_mm_xor_si128(b1, flip), _mm_xor_si128(a1, flip)));
+        eq = _mm_packs_epi16(_mm_cmpeq_epi16(a0, b0), _mm_cmpeq_epi16(a1, b1));
+    } else {
+        const __m128i flip = _mm_set1_epi32(static_cast<int>(0x80000000u));
+        __m128i l[4], e[4];
+        for (int q = 0; q < 4; ++q) {
+            __m128i a = load(4 * q), b = load(4 * q + 1);
+            l[q] = _mm_cmpgt_epi32(_mm_xor_si128(b, flip), _mm_xor_si128(a, flip));
+            e[q] = _mm_cmpeq_epi32(a, b);
+        }
+        lt = _mm_packs_epi16(_mm_packs_epi32(l[0], l[1]), _mm_packs_epi32(l[2], l[3]));
+        eq = _mm_packs_epi16(_mm_packs_epi32(e[0], e[1]), _mm_packs_epi32(e[2], e[3]));
+    }
+    *below = static_cast<unsigned>(_mm_movemask_epi8(lt));
+    *equal = static_cast<unsigned>(_mm_movemask_epi8(eq));
+}
+
 // LMS positions of T[0, n) in text order into the m words before `end`; returns m.
 // The scalar steps are branch-free (about a third of the positions are LMS on
 // text, at random): each also writes end[-m-1], which must be writable.
@@ -101,31 +133,25 @@ int lmsPositions(const C* T, int n, Ozr32s* end) {
     Ozr32s* p = end;
     int nextS = 0;  // the last suffix is L-type
     int i = n - 2;
-    if constexpr (sizeof(C) == 1) {
-        // Sixteen positions x = base .. base + 15 at a time, from the end. With
-        // the bits reversed (bit r for x = base + 15 - r), "x is S-type" is the
-        // carry chain c_r = below_r | (equal_r & c_{r-1}) with c_{-1} the type of
-        // base + 16, which one addition resolves.
-        const __m128i flip = _mm_set1_epi8(static_cast<char>(0x80));
-        for (; i >= 15; i -= 16) {
-            int base = i - 15;
-            __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(T + base));
-            __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(T + base + 1));
-            unsigned below = static_cast<unsigned>(
-                _mm_movemask_epi8(_mm_cmpgt_epi8(_mm_xor_si128(b, flip), _mm_xor_si128(a, flip))));
-            unsigned equal = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, b)));
-            unsigned g = reverse16(below), x = g | reverse16(equal);
-            unsigned sRev = ((x + g + static_cast<unsigned>(nextS)) ^ x ^ g) >> 1;
-            // Bit r: type of base + 16 - r, r = 0..16; LMS where S follows L.
-            unsigned y = sRev << 1 | static_cast<unsigned>(nextS);
-            Ozr64u lms = y & ~(y >> 1) & 0xFFFF;
-            while (lms) {
-                unsigned r = m7::trailingZeros64(lms);
-                *--p = base + 16 - static_cast<int>(r);
-                lms &= lms - 1;
-            }
-            nextS = (y >> 16) & 1;
+    // Sixteen positions x = base .. base + 15 at a time, from the end. With
+    // the bits reversed (bit r for x = base + 15 - r), "x is S-type" is the
+    // carry chain c_r = below_r | (equal_r & c_{r-1}) with c_{-1} the type of
+    // base + 16, which one addition resolves.
+    for (; i >= 15; i -= 16) {
+        int base = i - 15;
+        unsigned below, equal;
+        compareNext16(T, base, &below, &equal);
+        unsigned g = reverse16(below), x = g | reverse16(equal);
+        unsigned sRev = ((x + g + static_cast<unsigned>(nextS)) ^ x ^ g) >> 1;
+        // Bit r: type of base + 16 - r, r = 0..16; LMS where S follows L.
+        unsigned y = sRev << 1 | static_cast<unsigned>(nextS);
+        Ozr64u lms = y & ~(y >> 1) & 0xFFFF;
+        while (lms) {
+            unsigned r = m7::trailingZeros64(lms);
+            *--p = base + 16 - static_cast<int>(r);
+            lms &= lms - 1;
         }
+        nextS = (y >> 16) & 1;
     }
     // i is S-type when T[i] - T[i+1] < (i + 1 is S-type): below, or equal and
     // followed by an S-type.
@@ -565,7 +591,8 @@ struct NameTable {
 // Provisional names of substrings 0 .. m - 2 into id by the table (and, with
 // kShifted, from the substrings a shift earlier where they repeat); returns the
 // number of names, or -1 when the table gives up. The variant without a shift is
-// compiled apart: the shifted check alone costs it 8 % on text.
+// compiled apart: the shifted check alone cost it 8 % on a block that does not
+// repeat.
 template <class C, bool kShifted>
 __attribute__((noinline))
 int hashNames(const C* T, int n, const Ozr32s* lms, int m, Ozr32s* id, const NameTable& t, int shift) {
