@@ -911,7 +911,8 @@ TEST(BWTForward, SuffixSorterIsExactWhateverItsWorkspaceAndNameWidth) {
 
 // Levels with few distinct LMS substrings are named from a table of them: keys that
 // hold the bytes or a hash (substrings past 8 bytes, from runs), thousands of names
-// when the string repeats itself with a long period, a table abandoned part way
+// when the string repeats itself with a long period (most of them named from the
+// substrings a period earlier), a table abandoned part way
 // when the repeats stop, and a table cut down by a small workspace.
 TEST(BWTForward, SuffixSorterNamesRepeatedSubstringsExactly) {
     std::vector<Bytes> blocks;
@@ -924,6 +925,13 @@ TEST(BWTForward, SuffixSorterNamesRepeatedSubstringsExactly) {
     periodicRuns[50000] ^= 1;
     blocks.push_back(periodicRuns);
     blocks.push_back(periodicBytes(30000, 50, 14) + randomBytes(90000, 15));  // repeats, then noise
+    // Named from the substrings a period earlier between changes: many scattered
+    // changes and a changed stretch break the runs at every kind of place.
+    Bytes scattered = periodicBytes(120000, 3000, 16);
+    for (size_t k = 1; k <= 40; ++k) scattered[(k * 2927 + 500) % scattered.size()] ^= static_cast<Ozr8u>(k);
+    Bytes stretch = randomBytes(64, 17);
+    std::copy(stretch.begin(), stretch.end(), scattered.begin() + 60000);
+    blocks.push_back(scattered);
     for (const Bytes& b : blocks) expectSuffixArrayOfLibdivsufsort(b);
 }
 

@@ -93,6 +93,38 @@ constexpr ReversedBytes kReversed;
 
 inline unsigned reverse16(unsigned x) { return static_cast<unsigned>(kReversed.r[x & 255]) << 8 | kReversed.r[x >> 8]; }
 
+// For x = base .. base + 15: bit x - base of *below says T[x] < T[x + 1] (as
+// unsigned symbols), of *equal T[x] == T[x + 1]. Reads T[base, base + 17).
+template <class C>
+inline void compareNext16(const C* T, int base, unsigned* below, unsigned* equal) {
+    auto load = [T, base](int x) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(T + base + x)); };
+    __m128i lt, eq;  // 16 lanes of bytes, all ones where true
+    if constexpr (sizeof(C) == 1) {
+        const __m128i flip = _mm_set1_epi8(static_cast<char>(0x80));
+        __m128i a = load(0), b = load(1);
+        lt = _mm_cmpgt_epi8(_mm_xor_si128(b, flip), _mm_xor_si128(a, flip));
+        eq = _mm_cmpeq_epi8(a, b);
+    } else if constexpr (sizeof(C) == 2) {
+        const __m128i flip = _mm_set1_epi16(static_cast<short>(0x8000));
+        __m128i a0 = load(0), a1 = load(8), b0 = load(1), b1 = load(9);
+        lt = _mm_packs_epi16(_mm_cmpgt_epi16(_mm_xor_si128(b0, flip), _mm_xor_si128(a0, flip)),
+                             _mm_cmpgt_epi16(_mm_xor_si128(b1, flip), _mm_xor_si128(a1, flip)));
+        eq = _mm_packs_epi16(_mm_cmpeq_epi16(a0, b0), _mm_cmpeq_epi16(a1, b1));
+    } else {
+        const __m128i flip = _mm_set1_epi32(static_cast<int>(0x80000000u));
+        __m128i l[4], e[4];
+        for (int q = 0; q < 4; ++q) {
+            __m128i a = load(4 * q), b = load(4 * q + 1);
+            l[q] = _mm_cmpgt_epi32(_mm_xor_si128(b, flip), _mm_xor_si128(a, flip));
+            e[q] = _mm_cmpeq_epi32(a, b);
+        }
+        lt = _mm_packs_epi16(_mm_packs_epi32(l[0], l[1]), _mm_packs_epi32(l[2], l[3]));
+        eq = _mm_packs_epi16(_mm_packs_epi32(e[0], e[1]), _mm_packs_epi32(e[2], e[3]));
+    }
+    *below = static_cast<unsigned>(_mm_movemask_epi8(lt));
+    *equal = static_cast<unsigned>(_mm_movemask_epi8(eq));
+}
+
 // LMS positions of T[0, n) in text order into the m words before `end`; returns m.
 // The scalar steps are branch-free (about a third of the positions are LMS on
 // text, at random): each also writes end[-m-1], which must be writable.
@@ -101,31 +133,25 @@ int lmsPositions(const C* T, int n, Ozr32s* end) {
     Ozr32s* p = end;
     int nextS = 0;  // the last suffix is L-type
     int i = n - 2;
-    if constexpr (sizeof(C) == 1) {
-        // Sixteen positions x = base .. base + 15 at a time, from the end. With
-        // the bits reversed (bit r for x = base + 15 - r), "x is S-type" is the
-        // carry chain c_r = below_r | (equal_r & c_{r-1}) with c_{-1} the type of
-        // base + 16, which one addition resolves.
-        const __m128i flip = _mm_set1_epi8(static_cast<char>(0x80));
-        for (; i >= 15; i -= 16) {
-            int base = i - 15;
-            __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(T + base));
-            __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(T + base + 1));
-            unsigned below = static_cast<unsigned>(
-                _mm_movemask_epi8(_mm_cmpgt_epi8(_mm_xor_si128(b, flip), _mm_xor_si128(a, flip))));
-            unsigned equal = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, b)));
-            unsigned g = reverse16(below), x = g | reverse16(equal);
-            unsigned sRev = ((x + g + static_cast<unsigned>(nextS)) ^ x ^ g) >> 1;
-            // Bit r: type of base + 16 - r, r = 0..16; LMS where S follows L.
-            unsigned y = sRev << 1 | static_cast<unsigned>(nextS);
-            Ozr64u lms = y & ~(y >> 1) & 0xFFFF;
-            while (lms) {
-                unsigned r = m7::trailingZeros64(lms);
-                *--p = base + 16 - static_cast<int>(r);
-                lms &= lms - 1;
-            }
-            nextS = (y >> 16) & 1;
+    // Sixteen positions x = base .. base + 15 at a time, from the end. With
+    // the bits reversed (bit r for x = base + 15 - r), "x is S-type" is the
+    // carry chain c_r = below_r | (equal_r & c_{r-1}) with c_{-1} the type of
+    // base + 16, which one addition resolves.
+    for (; i >= 15; i -= 16) {
+        int base = i - 15;
+        unsigned below, equal;
+        compareNext16(T, base, &below, &equal);
+        unsigned g = reverse16(below), x = g | reverse16(equal);
+        unsigned sRev = ((x + g + static_cast<unsigned>(nextS)) ^ x ^ g) >> 1;
+        // Bit r: type of base + 16 - r, r = 0..16; LMS where S follows L.
+        unsigned y = sRev << 1 | static_cast<unsigned>(nextS);
+        Ozr64u lms = y & ~(y >> 1) & 0xFFFF;
+        while (lms) {
+            unsigned r = m7::trailingZeros64(lms);
+            *--p = base + 16 - static_cast<int>(r);
+            lms &= lms - 1;
         }
+        nextS = (y >> 16) & 1;
     }
     // i is S-type when T[i] - T[i+1] < (i + 1 is S-type): below, or equal and
     // followed by an S-type.
@@ -432,14 +458,14 @@ __attribute__((always_inline)) inline int sortAndName(const C* T, Ozr32s* SA, in
 // substrings first and none after.
 constexpr int kHashMinBits = 8, kHashMaxBits = 15;
 
-// Whether T mostly repeats itself at some shift P < 2^16: P is where its first 16
-// symbols occur again, and 28 of 32 probes spread over T must find their 16
+// The shift P < 2^16 at which T mostly repeats itself, or 0: P is where its first
+// 16 symbols occur again, and 28 of 32 probes spread over T must find their 16
 // symbols again P further on (a long period with a few changes). Reads at most
 // 2^16 + 48 symbols for the shift.
 template <class C>
-bool repeatsItself(const C* T, int n) {
+int repeatShift(const C* T, int n) {
     constexpr int kProbe = 16, kMaxShift = 1 << 16;
-    if (n < 64 * kProbe) return false;
+    if (n < 64 * kProbe) return 0;
     auto same = [T](int a, int b) {
         for (int x = 0; x < kProbe; ++x) {
             if (T[a + x] != T[b + x]) return false;
@@ -449,10 +475,52 @@ bool repeatsItself(const C* T, int n) {
     int limit = n / 2 - kProbe < kMaxShift ? n / 2 - kProbe : kMaxShift;
     int shift = 1;
     while (shift < limit && (T[shift] != T[0] || !same(0, shift))) ++shift;
-    if (shift >= limit) return false;
+    if (shift >= limit) return 0;
     int hits = 0, step = (n - shift - kProbe) / 32;
     for (int s = 0; s < 32; ++s) hits += same(s * step, s * step + shift);
-    return hits >= 28;
+    return hits >= 28 ? shift : 0;
+}
+
+// The first position i >= from (from >= shift) with T[i] != T[i - shift], or n.
+template <class C>
+int nextMismatch(const C* T, int n, int from, int shift) {
+    const Ozr8u* a = reinterpret_cast<const Ozr8u*>(T + from);
+    const Ozr8u* b = reinterpret_cast<const Ozr8u*>(T + from - shift);
+    size_t bytes = sizeof(C) * static_cast<size_t>(n - from), x = 0;
+    for (; x + 16 <= bytes; x += 16) {
+        __m128i u = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + x));
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + x));
+        if (_mm_movemask_epi8(_mm_cmpeq_epi8(u, v)) != 0xFFFF) break;
+    }
+    while (x < bytes && a[x] == b[x]) ++x;
+    return from + static_cast<int>(x / sizeof(C));
+}
+
+// Naming from the substrings one shift earlier, for a string that repeats itself.
+// `mismatch` is the next position whose symbol differs from the one a shift
+// earlier, `back` the index of the LMS position a shift before the current one.
+struct ShiftedRun {
+    int shift, mismatch, back;
+};
+
+// Substring k equals the one a shift earlier when that one also lies between
+// consecutive LMS positions and no symbol in between differs from the one a shift
+// earlier. Names substrings k, k + 1, ... (not the last one) that way as long as
+// they do; returns the first one it leaves. Kept out of the hashing loop, whose
+// registers it would crowd.
+template <class C>
+__attribute__((noinline))
+int nameShifted(const C* T, int n, const Ozr32s* lms, int m, Ozr32s* id, int k, ShiftedRun* r) {
+    Ozr32s p = lms[k], shift = r->shift;
+    if (r->mismatch < p) r->mismatch = nextMismatch(T, n, p, shift);
+    Ozr32s mismatch = r->mismatch;
+    int back = r->back;
+    while (lms[back] < p - shift) ++back;
+    if (lms[back] == p - shift) {
+        for (; k + 1 < m && lms[k + 1] < mismatch && lms[back + 1] == lms[k + 1] - shift; ++k, ++back) id[k] = id[back];
+    }
+    r->back = back;
+    return k;
 }
 
 struct HashSlot {
@@ -511,35 +579,47 @@ inline bool substringBefore(const C* T, Ozr32s a, Ozr32s la, Ozr32s b, Ozr32s lb
     return la > lb;
 }
 
-// Reduced string by hashing into id[0, m) (names 0 .. distinct - 1 rising with
-// the order); returns distinct, or -1 when there are too many distinct substrings
-// or no room (id is then clobbered).
-template <class C>
-int nameByHash(const C* T, int n, const Ozr32s* lms, int m, Ozr32s* id, SaisWorkspace ws) {
-    int allowance = repeatsItself(T, n) ? m : 1024;
-    // Slots for up to m names at half load, within the workspace.
-    int bits = kHashMinBits;
-    while (bits < kHashMaxBits && (1 << (bits - 1)) < m) ++bits;
-    while (bits >= kHashMinBits && hashRoom(bits) > ws.words) --bits;
-    if (m < 2 || bits < kHashMinBits) return -1;
-    int slots = 1 << bits, cap = slots / 2;
-    Ozr32s* w = ws.base + (reinterpret_cast<uintptr_t>(ws.base) & 4 ? 1 : 0);
-    HashSlot* slot = reinterpret_cast<HashSlot*>(w);
-    Ozr64u* prefix = reinterpret_cast<Ozr64u*>(w + 4 * slots);  // by provisional name
-    Ozr32s* first = w + 4 * slots + 2 * (cap + 1);  // by provisional name: start of the first occurrence
-    Ozr32s* size = first + cap + 1;  // ... and its length
-    Ozr32s* order = size + cap + 1;
-    Ozr32s* merged = order + cap + 1;
-    Ozr32s* rankOf = merged + cap + 1;
-    for (int x = 0; x < slots; ++x) slot[x].len = 0;
+// The table of distinct substrings and what is kept by provisional name.
+struct NameTable {
+    HashSlot* slot;
+    Ozr64u* prefix;  // sort prefix
+    Ozr32s* first;   // start of the first occurrence
+    Ozr32s* size;    // ... and its length
+    int bits, cap, allowance;
+};
+
+// Provisional names of substrings 0 .. m - 2 into id by the table (and, with
+// kShifted, from the substrings a shift earlier where they repeat); returns the
+// number of names, or -1 when the table gives up. The variant without a shift is
+// compiled apart: the shifted check alone cost it 8 % on a block that does not
+// repeat.
+template <class C, bool kShifted>
+__attribute__((noinline))
+int hashNames(const C* T, int n, const Ozr32s* lms, int m, Ozr32s* id, const NameTable& t, int shift) {
+    // The table's fields in locals: the stores below could alias them.
+    HashSlot* slot = t.slot;
+    Ozr64u* prefix = t.prefix;
+    Ozr32s* first = t.first;
+    Ozr32s* size = t.size;
+    const int bits = t.bits, cap = t.cap, allowance = t.allowance;
+    const unsigned mask = (1u << bits) - 1;
     int names = 0;
     Ozr32s p = lms[0];
+    ShiftedRun run{shift, 0, 0};
     for (int k = 0; k + 1 < m; ++k) {
+        if (kShifted && p >= shift) {
+            int end = nameShifted(T, n, lms, m, id, k, &run);
+            if (end > k) {
+                k = end - 1;
+                p = lms[end];
+                continue;
+            }
+        }
         Ozr32s q = lms[k + 1], len = q - p + 1;
         Ozr64u key = packedOrHash(T, n, p, len);
         Ozr64u mixed = (key ^ static_cast<Ozr64u>(len) << 56) * 0x9E3779B97F4A7C15ull;
         unsigned s = static_cast<unsigned>(mixed >> (64 - bits));
-        for (;; s = (s + 1) & (slots - 1)) {
+        for (;; s = (s + 1) & mask) {
             HashSlot& e = slot[s];
             if (e.len == 0) {
                 if (names == cap || names > (k >> 4) + allowance) return -1;
@@ -566,6 +646,34 @@ int nameByHash(const C* T, int n, const Ozr32s* lms, int m, Ozr32s* id, SaisWork
         }
         p = q;
     }
+    return names;
+}
+
+// Reduced string by hashing into id[0, m) (names 0 .. distinct - 1 rising with
+// the order); returns distinct, or -1 when there are too many distinct substrings
+// or no room (id is then clobbered).
+template <class C>
+int nameByHash(const C* T, int n, const Ozr32s* lms, int m, Ozr32s* id, SaisWorkspace ws) {
+    int shift = repeatShift(T, n);
+    // Slots for up to m names at half load, within the workspace.
+    int bits = kHashMinBits;
+    while (bits < kHashMaxBits && (1 << (bits - 1)) < m) ++bits;
+    while (bits >= kHashMinBits && hashRoom(bits) > ws.words) --bits;
+    if (m < 2 || bits < kHashMinBits) return -1;
+    int slots = 1 << bits, cap = slots / 2;
+    Ozr32s* w = ws.base + (reinterpret_cast<uintptr_t>(ws.base) & 4 ? 1 : 0);
+    HashSlot* slot = reinterpret_cast<HashSlot*>(w);
+    Ozr64u* prefix = reinterpret_cast<Ozr64u*>(w + 4 * slots);  // by provisional name
+    Ozr32s* first = w + 4 * slots + 2 * (cap + 1);  // by provisional name: start of the first occurrence
+    Ozr32s* size = first + cap + 1;  // ... and its length
+    Ozr32s* order = size + cap + 1;
+    Ozr32s* merged = order + cap + 1;
+    Ozr32s* rankOf = merged + cap + 1;
+    for (int x = 0; x < slots; ++x) slot[x].len = 0;
+    NameTable table{slot, prefix, first, size, bits, cap, shift ? m : 1024};
+    int names = shift ? hashNames<C, true>(T, n, lms, m, id, table, shift) : hashNames<C, false>(T, n, lms, m, id, table, 0);
+    if (names < 0) return -1;
+    Ozr32s p = lms[m - 1];
     // The last substring: a name of its own.
     first[names] = p;
     size[names] = n - p;
