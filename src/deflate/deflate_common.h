@@ -98,6 +98,10 @@ struct BitWriter {
         buf |= static_cast<Ozr64u>(bits) << n;
         n += len;
     }
+    void put64(Ozr64u bits, Ozr32u len) {  // bits: no more than len significant
+        buf |= bits << n;
+        n += len;
+    }
     void flushBlind() {  // n <= 7 + 48: the shift stays below 64; 8 bytes of room
         store64(out, buf);
         out += n >> 3;

@@ -19,13 +19,14 @@ struct Field {
 };
 
 // A distance code with what its extra bits are counted from: the field of distance
-// d is code | (d - 1 - base) << len, total bits long. Entry 0 (no distance: a
-// literal) is the empty field.
+// d is code | (d - 1 - base) << len, total bits long, which is (d - 1) << len plus
+// adj = code - (base << len) (modulo 2^64: the extra bits lie above the code, so
+// nothing carries). Entry 0 (no distance: a literal) gives the empty field: d - 1 is
+// all ones in 32 bits, which adj takes back to 0.
 struct DistField {
-    Ozr32u code;
+    Ozr64u adj;
     Ozr32u len;
     Ozr32u total;
-    Ozr32u base;
 };
 
 // Writes entries 0 .. count - 1 with one(i, writer): a blind 8-byte store after each
@@ -85,9 +86,10 @@ void encodeWide(const Ozr8u* lit, const Ozr16u* dist, Ozr32u count, const OzrDef
                        static_cast<Ozr32u>(h.len + kCodes.litExtra[c])};
     }
     const auto distField = [&](int k) {
-        return DistField{dc[k].code, dc[k].len, static_cast<Ozr32u>(dc[k].len + kCodes.distExtra[k]), kCodes.distBase[k]};
+        return DistField{dc[k].code - (static_cast<Ozr64u>(kCodes.distBase[k]) << dc[k].len), dc[k].len,
+                         static_cast<Ozr32u>(dc[k].len + kCodes.distExtra[k])};
     };
-    df[0] = {0, 0, 0, ~0u};  // d - 1 - base = 0 for d = 0
+    df[0] = {0 - static_cast<Ozr64u>(0xFFFFFFFFu), 0, 0};  // (d - 1) + adj = 0 for d = 0
     for (int d = 1; d <= 256; ++d) df[d] = distField(distCode(d - 1));
     df[257] = df[0];  // not reached: (d - 1) / 128 >= 2 above 256
     for (int b = 2; b < 256; ++b) df[256 + b] = distField(distCode(b << 7));
@@ -97,7 +99,7 @@ void encodeWide(const Ozr8u* lit, const Ozr16u* dist, Ozr32u count, const OzrDef
         const Field& f = ll[v + (d != 0 ? 256u : 0u)];
         w.put(f.bits, f.len);
         const DistField& g = df[d <= 256 ? d : 256 + ((d - 1) >> 7)];
-        w.put(g.code | ((d - 1 - g.base) << g.len), g.total);
+        w.put64((static_cast<Ozr64u>(d - 1) << g.len) + g.adj, g.total);
     };
     writeEntries(count, writer, one);
 }

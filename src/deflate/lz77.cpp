@@ -125,16 +125,17 @@ struct Matcher : History {
     // Walks the chain from cand; best is the length to beat (only a strictly longer
     // match replaces it, so ties keep the nearer candidate). Greedy: a match reaching
     // goodLength cuts the remaining chain to a quarter, once. Joined: the window lies
-    // right in front of the source, every candidate is addressed from one base.
+    // right in front of the source, every candidate is addressed from one base. KWin:
+    // the window size when known at compile time (0: the caller's).
     // walked, if given: how many links were followed.
-    template <bool CutOnGood, bool Joined>
+    template <bool CutOnGood, bool Joined, Ozr32u KWin = 0>
     __attribute__((always_inline)) int search(long p, long cand, int best, Ozr32u limit, Ozr32u maxChain, int good,
                                               int nice, int maxLen, long* matchPos, Ozr32u* walked = nullptr) const {
         // Locals for the chain walk, whose cost is the latency of each link: keep the
         // loop's state in registers.
-        const long low = p - wsize, first = start;
+        const long low = p - (KWin ? KWin : wsize), first = start;
         const Ozr32s* const links = prev;
-        const Ozr32u mask = wmask;
+        const Ozr32u mask = KWin ? KWin - 1 : wmask;
         const Ozr8u* const base = src - start;  // base + q is position q in the source
         const Ozr8u* const pp = base + p;
         Ozr32u tail = load32(pp + best - 3);    // the 4 bytes a longer match must repeat
@@ -308,18 +309,23 @@ struct Params {
 // The hash of the next position is computed while the current one is searched (a
 // literal moves there) and that of the position after a match before the match's
 // inner insertions, so that their head entries are on the way when needed.
-template <bool Joined, bool Cut>
+// Level1: the parameters of level 1 (maxChain 4, goodLength = niceLength = maxLazy = 8)
+// with a 32 KiB window and a hash table of 32768 slots or more (hash values are below
+// 32768, so a larger table masks alike) known at compile time: the fastest table level
+// is the one whose loop is short enough for the immediates to free the registers that
+// the limits and masks would hold (+2-3 % on text).
+template <bool Joined, bool Cut, bool Level1>
 void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Params prm) {
     const Ozr8u* const base = m.src - m.start;  // base + q is position q (q >= start, or any with Joined)
     Ozr32s* const head = m.head;
     Ozr32s* const prev = m.prev;
-    const Ozr32u hmask = m.hmask, wmask = m.wmask;
+    const Ozr32u hmask = Level1 ? 32767 : m.hmask, wmask = Level1 ? 32767 : m.wmask;
     Ozr8u* const litDst = m.litDst;
     Ozr16u* const distDst = m.distDst;
     OzrDeflateFreqTable* const litFreq = m.litFreq;
     OzrDeflateFreqTable* const distFreq = m.distFreq;
-    const Ozr32u maxChain = prm.maxChain;
-    const int good = prm.good, nice = prm.nice, maxLazy = prm.maxLazy;
+    const Ozr32u maxChain = Level1 ? 4 : prm.maxChain;
+    const int good = Level1 ? 8 : prm.good, nice = Level1 ? 8 : prm.nice, maxLazy = Level1 ? 8 : prm.maxLazy;
     Ozr32u written = m.written;
     long p = pRef;
     const auto hashAt = [&](long q) { return hash4(base + q) & hmask; };
@@ -353,7 +359,7 @@ void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Para
 
         const Ozr8u* const pp = base + p;
         long matchPos = 0;
-        const int best = m.search<Cut, Joined>(p, cand, 3, maxChain, maxChain, good, nice, kMaxMatch, &matchPos);
+        const int best = m.search<Cut, Joined, Level1 ? 32768 : 0>(p, cand, 3, maxChain, maxChain, good, nice, kMaxMatch, &matchPos);
 
         if (best >= kMinMatch) {
             const long q = p + best;
@@ -409,11 +415,15 @@ void runGreedy(Matcher& m, long& p, long e, Ozr32u freeEntries, Params prm, bool
     // The walk stops at niceLength; with goodLength not below it (levels 1-4) the cut
     // never comes, and the walk without it keeps fewer values live.
     if (prm.good < prm.nice) {
-        if (m.joined) greedyMain<true, true>(m, p, mainEnd, freeEntries, prm);
-        else greedyMain<false, true>(m, p, mainEnd, freeEntries, prm);
+        if (m.joined) greedyMain<true, true, false>(m, p, mainEnd, freeEntries, prm);
+        else greedyMain<false, true, false>(m, p, mainEnd, freeEntries, prm);
+    } else if (prm.maxChain == 4 && prm.good == 8 && prm.nice == 8 && prm.maxLazy == 8 && m.wmask == 32767 &&
+               m.hmask >= 32767) {
+        if (m.joined) greedyMain<true, false, true>(m, p, mainEnd, freeEntries, prm);
+        else greedyMain<false, false, true>(m, p, mainEnd, freeEntries, prm);
     } else {
-        if (m.joined) greedyMain<true, false>(m, p, mainEnd, freeEntries, prm);
-        else greedyMain<false, false>(m, p, mainEnd, freeEntries, prm);
+        if (m.joined) greedyMain<true, false, false>(m, p, mainEnd, freeEntries, prm);
+        else greedyMain<false, false, false>(m, p, mainEnd, freeEntries, prm);
     }
     for (int phase = 1; phase < 2; ++phase) {
         const bool tail = phase == 1;
