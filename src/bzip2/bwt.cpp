@@ -17,6 +17,7 @@
 #include <emmintrin.h>
 
 #include "bwt_internal.h"
+#include "unaligned.h"
 
 namespace {
 
@@ -84,10 +85,7 @@ int leastRotation(const Ozr8u* d, int n, int* period) {
     while (i < n && j < n && k < n) {
         // Long matches (near-periodic blocks) are skipped eight bytes at a time.
         for (; k + 8 <= n; k += 8) {
-            Ozr64u u, v;
-            __builtin_memcpy(&u, d + i + k, 8);
-            __builtin_memcpy(&v, d + j + k, 8);
-            if (u != v) break;
+            if (m7::load64(d + i + k) != m7::load64(d + j + k)) break;
         }
         if (k >= n) break;
         Ozr8u a = d[i + k], b = d[j + k];

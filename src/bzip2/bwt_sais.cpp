@@ -38,6 +38,7 @@
 #include <emmintrin.h>
 
 #include "bwt_internal.h"
+#include "unaligned.h"
 
 namespace {
 
@@ -553,11 +554,11 @@ template <class C>
 inline Ozr64u packedOrHash(const C* T, int n, Ozr32s p, Ozr32s len) {
     constexpr int kFit = 8 / sizeof(C);
     if (len <= kFit) {
-        Ozr64u key = 0;
         if (p + kFit <= n) {
-            __builtin_memcpy(&key, T + p, 8);
+            const Ozr64u key = m7::load64(reinterpret_cast<const Ozr8u*>(T + p));
             return len == kFit ? key : key & ((Ozr64u(1) << (8 * sizeof(C) * len)) - 1);
         }
+        Ozr64u key = 0;
         for (int x = len - 1; x >= 0; --x) key = key << (8 * sizeof(C)) | static_cast<Ozr64u>(T[p + x]);
         return key;
     }

@@ -11,13 +11,14 @@
 #include <emmintrin.h>
 
 #include "bzip2_internal.h"
+#include "unaligned.h"
 
 namespace {
 
 inline __m128i load16(const Ozr8u* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
 inline void store16(Ozr8u* p, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
-inline Ozr64u load64(const Ozr8u* p) { Ozr64u v; __builtin_memcpy(&v, p, 8); return v; }
-inline void store64(Ozr8u* p, Ozr64u v) { __builtin_memcpy(p, &v, 8); }
+using m7::load64;
+using m7::store64;
 inline __m128i loadA(const Ozr8u* p) { return _mm_load_si128(reinterpret_cast<const __m128i*>(p)); }
 inline void storeA(Ozr8u* p, __m128i v) { _mm_store_si128(reinterpret_cast<__m128i*>(p), v); }
 

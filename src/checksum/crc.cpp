@@ -9,8 +9,11 @@
 // entry points).
 #include "checksum.h"
 #include "crc_tables.h"
+#include "unaligned.h"
 
 namespace {
+
+using m7::load32;
 
 using m7::crc::Tables;
 using m7::crc::makeTables;
@@ -38,11 +41,6 @@ static_assert(CRC32CTable.v[1] == 0xF26B8303u);
 constexpr Tables<8> crc_table = makeTables<8, true>(m7::crc::kPolyBZ2);
 static_assert(crc_table.v[1] == 0xB71DC104u);
 
-inline Ozr32u load32(const Ozr8u* p) {
-    Ozr32u w;
-    __builtin_memcpy(&w, p, 4);
-    return w;
-}
 
 // Single bytes with the one-byte table, two per loop turn.
 inline Ozr32u bytewise(const Ozr32u* T0, Ozr32u reg, const Ozr8u* p, size_t n) {

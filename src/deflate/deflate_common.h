@@ -5,6 +5,7 @@
 
 #include "hash_rows.h"
 #include "m7.h"
+#include "unaligned.h"
 
 namespace m7::deflate {
 
@@ -15,10 +16,6 @@ constexpr Ozr32s kEmpty = -32768;   // hash-table mark: no position
 constexpr int kLitSyms = 286;
 constexpr int kDistSyms = 30;
 
-inline Ozr16u load16(const Ozr8u* p) { Ozr16u v; __builtin_memcpy(&v, p, 2); return v; }
-inline Ozr32u load32(const Ozr8u* p) { Ozr32u v; __builtin_memcpy(&v, p, 4); return v; }
-inline Ozr64u load64(const Ozr8u* p) { Ozr64u v; __builtin_memcpy(&v, p, 8); return v; }
-inline void store64(Ozr8u* p, Ozr64u v) { __builtin_memcpy(p, &v, 8); }
 
 // ---- RFC 1951 length and distance codes ----------------------------------------
 // Length code c (symbol 257 + c) covers lengths base .. base + 2^extra - 1; the bases

@@ -17,6 +17,7 @@
 // is the same either way, and on return whole bytes that were taken but not consumed
 // are given back, so both loops leave the same counts, bits and bytes.
 #include "inflate_tables.h"
+#include "unaligned.h"
 
 #include <emmintrin.h>
 
@@ -34,10 +35,6 @@ constexpr size_t kMatchOvershoot = 32;
 
 enum class Table { Short, Long };
 
-inline Ozr16u load16(const Ozr8u* p) { Ozr16u v; __builtin_memcpy(&v, p, 2); return v; }
-inline Ozr32u load32(const Ozr8u* p) { Ozr32u v; __builtin_memcpy(&v, p, 4); return v; }
-inline Ozr64u load64(const Ozr8u* p) { Ozr64u v; __builtin_memcpy(&v, p, 8); return v; }
-inline void store64(Ozr8u* p, Ozr64u v) { __builtin_memcpy(p, &v, 8); }
 inline void copy8(Ozr8u* d, const Ozr8u* s) { store64(d, load64(s)); }
 inline void copy16(Ozr8u* d, const Ozr8u* s) {
     _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)));

@@ -163,7 +163,7 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
             op += lit;
             ip += lit;
 
-            const size_t off = load16le(ip - 2);
+            const size_t off = load16(ip - 2);
             if (__builtin_expect(!offsetValid(op, off), 0)) return ozrErrFailed;
             size_t ml = token & kRunMask;
             if (__builtin_expect(ml != kRunMask, 1)) {
@@ -177,7 +177,7 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
                     // before op, so no load waits on the store just made.
                     const Ozr8u* q = op - off;
                     copy16(op, q);
-                    store16le(op + 16, load16le(q + 16));
+                    store16(op + 16, load16(q + 16));
                 } else if (off != 0) {
                     copyOverlapWild(op, off, ml);
                 }
@@ -237,7 +237,7 @@ OzrResult decodeCore(const Ozr8u* const src, int* pSrcLen, Ozr8u* const dstStart
         op += lit, ip += lit;
         if (ip >= srcEnd || op >= dstEnd) return report(finalStatus);
 
-        const size_t off = load16le(ip);
+        const size_t off = load16(ip);
         ip += 2;
         if (!offsetValid(op, off)) return ozrErrFailed;
         size_t ml = token & kRunMask;

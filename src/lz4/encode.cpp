@@ -278,7 +278,7 @@ private:
             for (size_t i = 0; i < lit; i += 16) copy16(op + i, anchor + i);
         }
         op += lit;
-        store16le(op, static_cast<Ozr16u>(f.dist));
+        store16(op, static_cast<Ozr16u>(f.dist));
         op += 2;
         if constexpr (C::kBounded) {
             const ptrdiff_t left = room(op);  // limit - op

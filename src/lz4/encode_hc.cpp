@@ -289,7 +289,7 @@ private:
         }
         copyExact(op, anchor_, lit);
         op += lit;
-        store16le(op, static_cast<Ozr16u>(off));
+        store16(op, static_cast<Ozr16u>(off));
         op += 2;
         const size_t code = static_cast<size_t>(ml) - kMinMatch;
         if (code >= kRunMask) {

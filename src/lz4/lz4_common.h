@@ -6,6 +6,7 @@
 #include <emmintrin.h>
 
 #include "m7.h"
+#include "unaligned.h"
 
 namespace m7::lz4 {
 
@@ -16,12 +17,6 @@ constexpr int kMatchSearchEnd = 20;   // no match starts 20 or fewer bytes befor
 constexpr int kMaxDistance = 65535;   // 16-bit offset
 constexpr unsigned kRunMask = 15;     // a nibble of 15 announces extension bytes
 
-inline Ozr16u load16le(const Ozr8u* p) { Ozr16u v; __builtin_memcpy(&v, p, 2); return v; }
-inline Ozr32u load32(const Ozr8u* p) { Ozr32u v; __builtin_memcpy(&v, p, 4); return v; }
-inline Ozr64u load64(const Ozr8u* p) { Ozr64u v; __builtin_memcpy(&v, p, 8); return v; }
-inline void store16le(Ozr8u* p, Ozr16u v) { __builtin_memcpy(p, &v, 2); }
-inline void store32(Ozr8u* p, Ozr32u v) { __builtin_memcpy(p, &v, 4); }
-inline void store64(Ozr8u* p, Ozr64u v) { __builtin_memcpy(p, &v, 8); }
 
 inline void copy8(Ozr8u* d, const Ozr8u* s) { store64(d, load64(s)); }
 inline void copy16(Ozr8u* d, const Ozr8u* s) {

@@ -20,16 +20,13 @@
 #include <emmintrin.h>
 
 #include "m7.h"
+#include "unaligned.h"
 
 namespace m7 {
 namespace {
 
 inline __m128i load16(const Ozr8u* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
 inline void store16(Ozr8u* p, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
-inline Ozr64u load8(const Ozr8u* p) { Ozr64u v; __builtin_memcpy(&v, p, 8); return v; }
-inline void store8(Ozr8u* p, Ozr64u v) { __builtin_memcpy(p, &v, 8); }
-inline Ozr32u load4(const Ozr8u* p) { Ozr32u v; __builtin_memcpy(&v, p, 4); return v; }
-inline void store4(Ozr8u* p, Ozr32u v) { __builtin_memcpy(p, &v, 4); }
 inline size_t le16(const Ozr8u* p) { return size_t(p[0]) | size_t(p[1]) << 8; }
 
 // Copies exactly n bytes between non-overlapping ranges, touching nothing outside
@@ -40,13 +37,13 @@ inline void copyExact(Ozr8u* d, const Ozr8u* s, size_t n) {
         for (size_t i = 0; i + 16 < n; i += 16) store16(d + i, load16(s + i));
         store16(d + n - 16, tail);
     } else if (n >= 8) {
-        Ozr64u a = load8(s), b = load8(s + n - 8);
-        store8(d, a);
-        store8(d + n - 8, b);
+        Ozr64u a = load64(s), b = load64(s + n - 8);
+        store64(d, a);
+        store64(d + n - 8, b);
     } else if (n >= 4) {
-        Ozr32u a = load4(s), b = load4(s + n - 4);
-        store4(d, a);
-        store4(d + n - 4, b);
+        Ozr32u a = load32(s), b = load32(s + n - 4);
+        store32(d, a);
+        store32(d + n - 4, b);
     } else {
         for (size_t i = 0; i < n; ++i) d[i] = s[i];
     }
@@ -97,8 +94,8 @@ inline void copyMatch(Ozr8u* op, size_t dist, size_t n) {
     }
     if (dist >= 8) {
         size_t i = 0;
-        for (; i + 8 < n; i += 8) store8(op + i, load8(s + i));
-        store8(op + n - 8, load8(s + n - 8));
+        for (; i + 8 < n; i += 8) store64(op + i, load64(s + i));
+        store64(op + n - 8, load64(s + n - 8));
         return;
     }
     for (size_t i = 0; i < n; ++i) op[i] = s[i];
@@ -227,7 +224,7 @@ copy_match:
     LZO_NEED_IN(t);
     LZO_NEED_OUT(t);
     if (Checked && size_t(ipEnd - ip) >= 4 && size_t(opEnd - op) >= 4) {
-        store4(op, load4(ip));
+        store32(op, load32(ip));
     } else {
         op[0] = ip[0];
         if (t > 1) op[1] = ip[1];

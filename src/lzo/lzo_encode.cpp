@@ -16,6 +16,7 @@
 
 #include "hash_rows.h"
 #include "lzo_internal.h"
+#include "unaligned.h"
 
 namespace m7 {
 namespace {
@@ -47,10 +48,6 @@ inline size_t hashDefault(const Ozr8u* p) {
 inline size_t hashFast(Ozr32u w) { return Ozr32u(w * kFastMultiplier) >> 18; }
 inline size_t secondarySlot(size_t h) { return (h & 0x7FF) ^ 0x201F; }
 
-inline Ozr32u load4(const Ozr8u* p) { Ozr32u v; __builtin_memcpy(&v, p, 4); return v; }
-inline Ozr64u load8(const Ozr8u* p) { Ozr64u v; __builtin_memcpy(&v, p, 8); return v; }
-inline void store8(Ozr8u* p, Ozr64u v) { __builtin_memcpy(p, &v, 8); }
-inline void store4(Ozr8u* p, Ozr32u v) { __builtin_memcpy(p, &v, 4); }
 inline void copy16(Ozr8u* d, const Ozr8u* s) {
     _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)));
 }
@@ -63,7 +60,7 @@ inline size_t worstCase(size_t n) { return n + n / 16 + 64 + 3; }
 inline size_t matchLength(const Ozr8u* a, const Ozr8u* b, const Ozr8u* bEnd) {
     const Ozr8u* const b0 = b;
     while (b + 8 <= bEnd) {
-        Ozr64u x = load8(a) ^ load8(b);
+        Ozr64u x = load64(a) ^ load64(b);
         if (x != 0) return size_t(b - b0) + size_t(m7::trailingZeros64(x) >> 3);
         a += 8;
         b += 8;
@@ -170,7 +167,7 @@ public:
             const Ozr32u m34 = Ozr32u(code | (len - 2) | ((d & 0x3FFF) << 10));
             const bool short2 = len <= 8 && dist <= kM2MaxDistance;
             const Ozr32u v = short2 ? m2 : m34;
-            store4(op_, v);
+            store32(op_, v);
             countByte_ = Ozr8u(short2 ? v : v >> 8);
             op_ += short2 ? 2 : 3;
             return true;
@@ -236,7 +233,7 @@ public:
             const Ozr32u e = Ozr32u((d1 + (cls >> 1)) & 0x3FFF);
             const Ozr32u v = (f & 0xFF) | ((e << ((f >> 8) & 31)) & 0xFFFF00) | ((e << 2) & (f >> 16) & 0x1C) |
                              Ozr32u((dist >> 12) & 8);
-            store4(op, v);
+            store32(op, v);
             const size_t size = f >> 24;
             countByte_ = Ozr8u(v >> ((size - 2) * 8));
             op += size;
@@ -271,7 +268,7 @@ private:
     // zero bytes at a time.
     void extension(size_t rest) {
         while (rest > 8 * 255) {
-            store8(op_, 0);
+            store64(op_, 0);
             op_ += 8;
             rest -= 8 * 255;
         }
@@ -335,7 +332,7 @@ bool encodeDefault(const Ozr8u* const in, size_t n, Writer<Bounded>& out, Ozr64u
             }
             dict[slot] = p;
             if (found) {
-                const Ozr32u x = load4(in + c) ^ load4(ip);
+                const Ozr32u x = load32(in + c) ^ load32(ip);
                 size_t len = 0;
                 if (x == 0)
                     len = 4 + matchLength(in + c + 4, ip + 4, inEnd);
@@ -401,20 +398,20 @@ bool encodeFast(const Ozr8u* const in, size_t n, Writer<Bounded>& out, Ozr16u* t
             // missed <= 30; i - missed is constant meanwhile.
             const size_t pairEnd = i - missed + 31 < limit - 1 ? i - missed + 31 : limit - 1;
             while (i < pairEnd) {
-                const Ozr64u w8 = load8(base + i);
+                const Ozr64u w8 = load64(base + i);
                 const Ozr32u w0 = Ozr32u(w8), w1 = Ozr32u(w8 >> 8);
                 const size_t h0 = hashFast(w0), h1 = hashFast(w1);
                 const size_t c0 = table[h0];
                 table[h0] = Ozr16u(i);
                 const size_t c1 = table[h1];
                 table[h1] = Ozr16u(i + 1);
-                if (load4(base + c0) == w0) {
+                if (load32(base + c0) == w0) {
                     table[h1] = Ozr16u(c1);
                     at = i;
                     cand = c0;
                     goto found;
                 }
-                if (load4(base + c1) == w1) {
+                if (load32(base + c1) == w1) {
                     at = i + 1;
                     cand = c1;
                     goto found;
@@ -425,11 +422,11 @@ bool encodeFast(const Ozr8u* const in, size_t n, Writer<Bounded>& out, Ozr16u* t
             // One position per round, with the growing step.
             for (;;) {
                 if (i >= limit) goto segmentDone;
-                const Ozr32u w = load4(base + i);
+                const Ozr32u w = load32(base + i);
                 const size_t h = hashFast(w);
                 const size_t c = table[h];
                 table[h] = Ozr16u(i);
-                if (load4(base + c) == w) {
+                if (load32(base + c) == w) {
                     at = i;
                     cand = c;
                     goto found;
@@ -442,8 +439,8 @@ bool encodeFast(const Ozr8u* const in, size_t n, Writer<Bounded>& out, Ozr16u* t
             for (;;) {
                 // The match at `at`; its first four bytes agree with the candidate's.
                 const Ozr8u* const ip = base + at;
-                const Ozr64u v1 = load8(ip + 4), v2 = load8(ip + 8);
-                const Ozr64u x = load8(base + cand + 4) ^ v1;
+                const Ozr64u v1 = load64(ip + 4), v2 = load64(ip + 8);
+                const Ozr64u x = load64(base + cand + 4) ^ v1;
                 size_t len;
                 Ozr32u w;
                 if (__builtin_expect(x != 0, 1)) {
@@ -452,7 +449,7 @@ bool encodeFast(const Ozr8u* const in, size_t n, Writer<Bounded>& out, Ozr16u* t
                     w = Ozr32u((bit < 32 ? v1 : v2) >> (bit & 24));
                 } else {
                     len = 12 + matchLength(base + cand + 12, ip + 12, base + segLen);
-                    w = at + len < limit ? load4(ip + len) : 0;
+                    w = at + len < limit ? load32(ip + len) : 0;
                 }
                 // Probe the position behind the match before writing the instructions,
                 // so that its loads are under way meanwhile. Past the search limit the
@@ -461,7 +458,7 @@ bool encodeFast(const Ozr8u* const in, size_t n, Writer<Bounded>& out, Ozr16u* t
                 const size_t h = hashFast(w);
                 const size_t c = table[h];
                 table[h] = Ozr16u(i);
-                const bool hit = load4(base + c) == w;
+                const bool hit = load32(base + c) == w;
                 // The search stops 20 bytes before the segment end, so 32 bytes are
                 // readable from the start of any run of up to 18 literals before a match.
                 if (!out.template runAndMatch<true>(ii, size_t(ip - ii), len, at - cand, inEnd)) return false;

@@ -9,6 +9,7 @@
 #include <emmintrin.h>
 
 #include "m7.h"
+#include "unaligned.h"
 
 namespace m7::lzss {
 
@@ -26,10 +27,6 @@ static_assert(sizeof(OzrLZSSEncoderState) == kStateSize, "encoder view fills the
 static_assert(offsetof(OzrLZSSDecoderState, window) == 48, "decoder header is 48 bytes");
 static_assert(sizeof(OzrLZSSDecoderState::window) == kHistory, "decoder window");
 
-inline Ozr64u load64(const Ozr8u* p) { Ozr64u v; __builtin_memcpy(&v, p, 8); return v; }
-inline Ozr32u load32(const Ozr8u* p) { Ozr32u v; __builtin_memcpy(&v, p, 4); return v; }
-inline Ozr16u load16(const Ozr8u* p) { Ozr16u v; __builtin_memcpy(&v, p, 2); return v; }
-inline void store64(Ozr8u* p, Ozr64u v) { __builtin_memcpy(p, &v, 8); }
 inline void copy16(Ozr8u* d, const Ozr8u* s) {
     _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)));
 }
