@@ -122,6 +122,17 @@ struct Matcher : History {
     // Takes position p back out of the chains; positions must be removed newest first.
     void remove(long p) { head[hash4(at(p)) & hmask] = prev[p & wmask]; }
 
+    // The length of the match at cand if it passes the quick test (a longer match than
+    // best must repeat tail, the 4 bytes ending at offset best), else 0. Without the
+    // joined window, a candidate in the window (before first) is always measured.
+    template <bool Joined>
+    __attribute__((always_inline)) int measure(const Ozr8u* base, long first, long p, long cand, int best, Ozr32u tail,
+                                               int maxLen) const {
+        if ((!Joined && cand < first) || load32(base + cand + best - 3) == tail)
+            return Joined ? commonLength16(base + p, base + cand, maxLen) : length(p, cand, maxLen);
+        return 0;
+    }
+
     // Walks the chain from cand; best is the length to beat (only a strictly longer
     // match replaces it, so ties keep the nearer candidate). Greedy: a match reaching
     // goodLength cuts the remaining chain to a quarter, once. Joined: the window lies
@@ -143,18 +154,16 @@ struct Matcher : History {
         Ozr32u steps = 1;
         for (; cand > low && cand < p; ++steps) {
             const long next = links[cand & mask];
-            if ((!Joined && cand < first) || load32(base + cand + best - 3) == tail) {
-                const int len = Joined ? commonLength16(pp, base + cand, maxLen) : length(p, cand, maxLen);
-                if (len > best) {
-                    best = len;
-                    *matchPos = cand;
-                    if (best >= nice) break;
-                    tail = load32(pp + best - 3);
-                    if constexpr (CutOnGood) {
-                        if (best >= good && !cut) {
-                            cut = true;
-                            limit = maxChain / 4;
-                        }
+            const int len = measure<Joined>(base, first, p, cand, best, tail, maxLen);
+            if (len > best) {
+                best = len;
+                *matchPos = cand;
+                if (best >= nice) break;
+                tail = load32(pp + best - 3);
+                if constexpr (CutOnGood) {
+                    if (best >= good && !cut) {
+                        cut = true;
+                        limit = maxChain / 4;
                     }
                 }
             }
@@ -203,22 +212,19 @@ struct Matcher : History {
             const long n0 = links[c0 & mask];
             const long n1 = links[c1 & mask];
             ++s0;
-            if ((!Joined && c0 < first) || load32(base + c0 + b0 - 3) == tail0) {
-                const int len = Joined ? commonLength16(pp0, base + c0, kMaxMatch) : length(p, c0, kMaxMatch);
-                if (len > b0) {
-                    b0 = len;
-                    m0 = c0;
-                    tail0 = load32(pp0 + b0 - 3);
-                    if (b0 >= nice) alive0 = false;
-                    if (b0 >= maxLazy) {  // no search at p + 1
-                        need1 = false;
-                        alive1 = false;
-                    }
-                    if (b0 >= good) lim1 = quarter;
-                    if (b0 > t1) {
-                        t1 = b0;
-                        tail1 = load32(pp1 + t1 - 3);
-                    }
+            if (const int len = measure<Joined>(base, first, p, c0, b0, tail0, kMaxMatch); len > b0) {
+                b0 = len;
+                m0 = c0;
+                tail0 = load32(pp0 + b0 - 3);
+                if (b0 >= nice) alive0 = false;
+                if (b0 >= maxLazy) {  // no search at p + 1
+                    need1 = false;
+                    alive1 = false;
+                }
+                if (b0 >= good) lim1 = quarter;
+                if (b0 > t1) {
+                    t1 = b0;
+                    tail1 = load32(pp1 + t1 - 3);
                 }
             }
             if (!alive1) {
@@ -227,14 +233,11 @@ struct Matcher : History {
                 break;
             }
             ++s1;
-            if ((!Joined && c1 < first) || load32(base + c1 + t1 - 3) == tail1) {
-                const int len = Joined ? commonLength16(pp1, base + c1, kMaxMatch) : length(p + 1, c1, kMaxMatch);
-                if (len > t1) {
-                    b1 = t1 = len;
-                    m1 = c1;
-                    tail1 = load32(pp1 + t1 - 3);
-                    if (b1 >= nice) alive1 = false;
-                }
+            if (const int len = measure<Joined>(base, first, p + 1, c1, t1, tail1, kMaxMatch); len > t1) {
+                b1 = t1 = len;
+                m1 = c1;
+                tail1 = load32(pp1 + t1 - 3);
+                if (b1 >= nice) alive1 = false;
             }
             if (s1 == quarter) {
                 snapBest = b1;
@@ -302,6 +305,8 @@ struct Params {
     Ozr32u maxChain;
     int good, nice, maxLazy;
 };
+// Level 1's row of the table, which the greedy pass has an instance of its own for.
+constexpr Params kLevel1{kLevels[1][0], int(kLevels[1][1]), int(kLevels[1][2]), int(kLevels[1][3])};
 
 // The greedy main phase (p + 261 <= e: every match may be 258 long), the hot loop of
 // the low levels, with the walk's and the writer's state in locals. Joined: the window
@@ -309,7 +314,7 @@ struct Params {
 // The hash of the next position is computed while the current one is searched (a
 // literal moves there) and that of the position after a match before the match's
 // inner insertions, so that their head entries are on the way when needed.
-// Level1: the parameters of level 1 (maxChain 4, goodLength = niceLength = maxLazy = 8)
+// Level1: the parameters of level 1 (kLevel1: goodLength = niceLength = maxLazy)
 // with a 32 KiB window and a hash table of 32768 slots or more (hash values are below
 // 32768, so a larger table masks alike) known at compile time: the fastest table level
 // is the one whose loop is short enough for the immediates to free the registers that
@@ -324,8 +329,9 @@ void greedyMain(Matcher& m, long& pRef, long end, Ozr32u freeEntries, const Para
     Ozr16u* const distDst = m.distDst;
     OzrDeflateFreqTable* const litFreq = m.litFreq;
     OzrDeflateFreqTable* const distFreq = m.distFreq;
-    const Ozr32u maxChain = Level1 ? 4 : prm.maxChain;
-    const int good = Level1 ? 8 : prm.good, nice = Level1 ? 8 : prm.nice, maxLazy = Level1 ? 8 : prm.maxLazy;
+    const Ozr32u maxChain = Level1 ? kLevel1.maxChain : prm.maxChain;
+    const int good = Level1 ? kLevel1.good : prm.good, nice = Level1 ? kLevel1.nice : prm.nice;
+    const int maxLazy = Level1 ? kLevel1.maxLazy : prm.maxLazy;
     Ozr32u written = m.written;
     long p = pRef;
     const auto hashAt = [&](long q) { return hash4(base + q) & hmask; };
@@ -417,8 +423,8 @@ void runGreedy(Matcher& m, long& p, long e, Ozr32u freeEntries, Params prm, bool
     if (prm.good < prm.nice) {
         if (m.joined) greedyMain<true, true, false>(m, p, mainEnd, freeEntries, prm);
         else greedyMain<false, true, false>(m, p, mainEnd, freeEntries, prm);
-    } else if (prm.maxChain == 4 && prm.good == 8 && prm.nice == 8 && prm.maxLazy == 8 && m.wmask == 32767 &&
-               m.hmask >= 32767) {
+    } else if (prm.maxChain == kLevel1.maxChain && prm.good == kLevel1.good && prm.nice == kLevel1.nice &&
+               prm.maxLazy == kLevel1.maxLazy && m.wmask == 32767 && m.hmask >= 32767) {
         if (m.joined) greedyMain<true, false, true>(m, p, mainEnd, freeEntries, prm);
         else greedyMain<false, false, true>(m, p, mainEnd, freeEntries, prm);
     } else {
