@@ -458,6 +458,9 @@ __attribute__((always_inline)) inline int sortAndName(const C* T, Ozr32s* SA, in
 // that repeats itself with a long period brings a period's worth of new
 // substrings first and none after.
 constexpr int kHashMinBits = 8, kHashMaxBits = 15;
+// Multiplier of the substring hashes (2^64 over the golden ratio, odd): spreads the
+// low-order differences of packed symbols into the top bits that pick a slot.
+constexpr Ozr64u kMix = 0x9E3779B97F4A7C15ull;
 
 // The shift P < 2^16 at which T mostly repeats itself, or 0: P is where its first
 // 16 symbols occur again, and 28 of 32 probes spread over T must find their 16
@@ -563,7 +566,7 @@ inline Ozr64u packedOrHash(const C* T, int n, Ozr32s p, Ozr32s len) {
         return key;
     }
     Ozr64u h = static_cast<Ozr64u>(len);
-    for (int x = 0; x < len; ++x) h = (h ^ static_cast<Ozr64u>(T[p + x])) * 0x9E3779B97F4A7C15ull;
+    for (int x = 0; x < len; ++x) h = (h ^ static_cast<Ozr64u>(T[p + x])) * kMix;
     return h ^ h >> 29;
 }
 
@@ -618,7 +621,7 @@ int hashNames(const C* T, int n, const Ozr32s* lms, int m, Ozr32s* id, const Nam
         }
         Ozr32s q = lms[k + 1], len = q - p + 1;
         Ozr64u key = packedOrHash(T, n, p, len);
-        Ozr64u mixed = (key ^ static_cast<Ozr64u>(len) << 56) * 0x9E3779B97F4A7C15ull;
+        Ozr64u mixed = (key ^ static_cast<Ozr64u>(len) << 56) * kMix;
         unsigned s = static_cast<unsigned>(mixed >> (64 - bits));
         for (;; s = (s + 1) & mask) {
             HashSlot& e = slot[s];

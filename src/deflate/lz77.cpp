@@ -138,7 +138,8 @@ struct Matcher : History {
     // goodLength cuts the remaining chain to a quarter, once. Joined: the window lies
     // right in front of the source, every candidate is addressed from one base. KWin:
     // the window size when known at compile time (0: the caller's).
-    // walked, if given: how many links were followed.
+    // walked, if given: the step the walk ended on (the candidates looked at, one more
+    // when the chain ran out first); it only steers when walks are paired.
     template <bool CutOnGood, bool Joined, Ozr32u KWin = 0>
     __attribute__((always_inline)) int search(long p, long cand, int best, Ozr32u limit, Ozr32u maxChain, int good,
                                               int nice, int maxLen, long* matchPos, Ozr32u* walked = nullptr) const {
