@@ -117,17 +117,6 @@ struct BitWriter {
 inline bool winSizeOk(Ozr32u w) { return w >= 256 && w <= 32768; }
 inline bool hashSizeOk(Ozr32u h) { return h >= 256 && h <= 65536; }
 
-// Count of equal leading bytes of a and b, at most n (reads nothing beyond n).
-__attribute__((always_inline)) inline int commonLength(const Ozr8u* a, const Ozr8u* b, int n) {
-    int i = 0;
-    for (; i + 8 <= n; i += 8) {
-        const Ozr64u x = load64(a + i) ^ load64(b + i);
-        if (x) return i + static_cast<int>(m7::trailingZeros64(x) >> 3);
-    }
-    for (; i < n && a[i] == b[i]; ++i) {}
-    return i;
-}
-
 // The bytes behind the matchers: position q is src[q - start] when q >= start (this
 // call's source), else window[q - start + wsize] (the winSize bytes before it).
 struct History {

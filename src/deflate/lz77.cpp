@@ -24,19 +24,6 @@ constexpr Ozr32u kLevels[30][4] = {
     {32, 8, 32, 16},    {128, 8, 256, 16},  {144, 8, 256, 16},  {192, 32, 258, 128}, {512, 32, 258, 258},
 };
 
-// Common length of a and b, at most n, 16 bytes per step (one compare settles nearly
-// every match of the low levels); reads nothing beyond n.
-__attribute__((always_inline)) inline int commonLength16(const Ozr8u* a, const Ozr8u* b, int n) {
-    int i = 0;
-    for (; i + 16 <= n; i += 16) {
-        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + i));
-        const __m128i y = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + i));
-        const Ozr32u diff = static_cast<Ozr32u>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, y))) ^ 0xFFFFu;
-        if (diff) return i + static_cast<int>(m7::trailingZeros64(diff));
-    }
-    return i + commonLength(a + i, b + i, n - i);
-}
-
 // The hash's four rows packed per byte value, row 3 - k in 16-bit lane k: one 8-byte
 // load gives a byte's share of the hashes of all four positions whose 4 bytes hold it.
 // Shifting a running word down a lane per byte and adding the next byte's entry

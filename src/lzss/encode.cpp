@@ -75,33 +75,13 @@ inline void setPointers(OzrLZSSEncoderState& s, size_t windowFill) {
     s.pWindowEnd = s.window + windowFill;
 }
 
-// Number of equal bytes from a and b, at most maxLen; reads nothing beyond. Long
-// matches (the runs of repetitive data) are measured 16 bytes a step.
-inline unsigned matchLength(const Ozr8u* a, const Ozr8u* b, unsigned maxLen) {
-    unsigned k = 0;
-    while (k + 16 <= maxLen) {
-        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + k));
-        const __m128i y = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + k));
-        const unsigned differ = unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(x, y))) ^ 0xFFFFu;
-        if (differ != 0) return k + m7::trailingZeros64(differ);
-        k += 16;
-    }
-    while (k + 8 <= maxLen) {
-        const Ozr64u x = load64(a + k) ^ load64(b + k);
-        if (x != 0) return k + (m7::trailingZeros64(x) >> 3);
-        k += 8;
-    }
-    while (k < maxLen && a[k] == b[k]) ++k;
-    return k;
-}
-
 // Bit k set where a[k] != b[k], k < 16.
 inline unsigned differ16(const Ozr8u* a, const Ozr8u* b) {
     return unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(a)),
                                                      _mm_loadu_si128(reinterpret_cast<const __m128i*>(b))))) ^
            0xFFFFu;
 }
-// matchLength(a, b, maxLen) for 16 <= maxLen when the first 16 bytes are known to agree.
+// commonLength16(a, b, maxLen) for 16 <= maxLen when the first 16 bytes are known to agree.
 // The last step compares the 16 bytes that end at maxLen, overlapping bytes already
 // known equal: no byte-wise tail, and nothing read before a or from maxLen on.
 inline unsigned matchLengthFrom16(const Ozr8u* a, const Ozr8u* b, unsigned maxLen) {
@@ -240,7 +220,7 @@ Ozr32u searchShort(Ozr32s c, Ozr32u p, const Ozr8u* ip, unsigned maxLen, const O
         const Ozr32s next = d > kEdge ? edgeLink(c) : chain[Ozr32u(c) & kChainMask];
         const Ozr8u* const m = at(d);
         if (load16(m + best - 1) == load16(ip + best - 1)) {
-            const unsigned len = matchLength(m, ip, maxLen);
+            const unsigned len = unsigned(commonLength16(m, ip, int(maxLen)));
             if (len > best) {
                 best = len;
                 key = len << 16 | (kMaxDistance - d);
